@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Installs the build and test dependencies from Debian packages (run as root).
+set -euo pipefail
+packages=(
+  g++ clang cmake ninja-build
+  libgtest-dev libgmock-dev libbenchmark-dev
+  libopenblas-serial-dev
+)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "install-deps: need root to install: ${missing[*]}" >&2
+    exit 1
+  fi
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

@@ -1,0 +1,35 @@
+#pragma once
+// The input table: p objects by n_samples data columns, with the per-sample
+// lists of missing rows and the replicate/time map of the columns.
+
+#include <memory>
+#include <vector>
+
+struct SSMData {
+  std::vector<double> Y;  // p x n_samples, column-major; missing cells hold 0.0
+  int n_samples = 0;
+  int p = 0;
+  int T = 0;
+  int n_replicates = 0;
+  // sample_at[r][t - 1]: column of replicate r at time t, or -1.
+  std::vector<int*> sample_at;
+  // missing[s]: ascending rows missing in column s, ended by -1.
+  std::vector<int*> missing;
+
+  std::vector<int> sample_at_block;
+  std::vector<int> missing_block;
+};
+
+// Reads the table from the named file, or from standard input for null.
+// Ends the process on malformed input.
+std::unique_ptr<SSMData> read_file(const char* file_name);
+
+// Writes the "--- INPUT DATA ---" report to the log.
+void SSMData_print_summary(const SSMData* data);
+
+// Ends the process when the table has no object or no sample to work on.
+void SSMData_require_samples(const SSMData* data);
+
+// Centres every object: over each replicate (each_replicate = 1) or over all
+// samples (each_replicate = 0). Missing cells are left alone.
+void SSMData_node_mean_shift(SSMData* data, int each_replicate);

@@ -1,0 +1,10 @@
+#pragma once
+// The process-wide log stream and the fatal-error exit.
+
+#include <cstdio>
+
+// Standard error until parse_args re-points it at the log of the run.
+extern std::FILE* TARN_ERR;
+
+// Prints a formatted message on TARN_ERR and ends the process with status 1.
+[[noreturn]] void tarn_fatal(const char* fmt, ...) __attribute__((format(printf, 1, 2)));

@@ -1,0 +1,91 @@
+// Tarn-SSM: estimation of linear-Gaussian state space models from replicated
+// time courses with missing values. The run driver.
+
+#include <xmmintrin.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+
+#include "Args.h"
+#include "Timer.h"
+#include "data/SSMData.h"
+#include "exec/modes.h"
+#include "kalman/apply_Kalman.h"
+#include "log.h"
+#include "version.h"
+
+namespace {
+
+// Subnormal intermediate results count as 0.0 from here on.
+void set_flush_to_zero() {
+  constexpr unsigned kFlushToZero = 0x8000;
+  constexpr unsigned kDenormalsAreZero = 0x0040;
+  _mm_setcsr(_mm_getcsr() | kFlushToZero | kDenormalsAreZero);
+}
+
+void print_banner(const Args* args) {
+  std::fprintf(TARN_ERR, "Tarn-SSM  version %s (%s)\n", TARN_VERSION, TARN_BUILD_TIME);
+  std::fprintf(TARN_ERR, "%s\n\n", TARN_RIGHTS_LINE);
+  std::fprintf(TARN_ERR, "This program comes with ABSOLUTELY NO WARRANTY.\n\n");
+  if (args->nprocs == 1) {
+    std::fprintf(TARN_ERR, "Single process mode.\n");
+  } else if (args->rank == 0) {
+    std::fprintf(TARN_ERR, "MPI mode: This is the root process.\n");
+  } else {
+    std::fprintf(TARN_ERR, "MPI mode: This is an execution process (rank=%d)\n", args->rank);
+  }
+  std::fflush(TARN_ERR);
+}
+
+void run_mode(const Args* args, const SSMData* data) {
+  if (args->ssm_file != nullptr) {
+    apply_Kalman(args->ssm_file, data, args->em->update_mu, args->prefix, args->suffix, args->id,
+                 args->each, args->output_option);
+  } else if (args->sge != 0) {
+    single_set(args, data);
+  } else if (args->threads == 1) {
+    single_one(args, data);
+  } else {
+    thread(args, data);
+  }
+}
+
+int run(int argc, char** argv) {
+  Timer timer = Timer_new();
+  Timer_start(&timer);
+  TARN_ERR = stderr;
+
+  const std::unique_ptr<Args> args = Args_new();
+  parse_args(argc, argv, args.get());
+  print_banner(args.get());
+
+  std::unique_ptr<SSMData> data;
+  if (args->rank == 0) {
+    data = read_file(args->input_file);
+    if (args->shift > 0) {
+      std::fprintf(TARN_ERR, "Applying mean shift for the input data set.\n");
+      SSMData_node_mean_shift(data.get(), args->shift == 1 ? 1 : 0);
+    }
+  }
+  if (args->nprocs != 1) tarn_fatal("ERROR: MPI support not enabled.\n");
+
+  run_mode(args.get(), data.get());
+
+  const double t = Timer_get(&timer);
+  std::fprintf(TARN_ERR, "All time: ");
+  Timer_print(t, TARN_ERR);
+  std::fprintf(TARN_ERR, "\nX-ALL-TIME:\t%f\n", t);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  set_flush_to_zero();
+  try {
+    return run(argc, argv);
+  } catch (const std::bad_alloc&) {
+    tarn_fatal("ERROR: Out of memory.\n");
+  }
+}
