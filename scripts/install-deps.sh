@@ -2,7 +2,7 @@
 # Installs the build and test dependencies from Debian packages (run as root).
 set -euo pipefail
 packages=(
-  g++ clang cmake ninja-build
+  g++ cmake ninja-build
   libgtest-dev libgmock-dev libbenchmark-dev
   libopenblas-serial-dev
 )
