@@ -146,9 +146,14 @@ struct TableReader {
 
   void check_labels() const {
     if (replicate_labels.size() != time_labels.size()) {
+      if (replicate_labels.empty()) {
+        tarn_fatal(
+            "ERROR: The columns have no replicate labels: the input has a time line but neither "
+            "a replicate line nor data rows.\n");
+      }
       tarn_fatal(
-          "ERROR: The columns have no replicate labels: the input has a time line but neither a "
-          "replicate line nor data rows.\n");
+          "ERROR: The columns have no time labels: the input has a replicate line but neither a "
+          "time line nor data rows.\n");
     }
     for (const int t : time_labels) {
       if (t < 1) tarn_fatal("ERROR: Time label out of range: %d (time labels count from 1).\n", t);
