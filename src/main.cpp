@@ -3,6 +3,7 @@
 
 #include <xmmintrin.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -13,6 +14,7 @@
 #include "exec/modes.h"
 #include "kalman/apply_Kalman.h"
 #include "log.h"
+#include "math/RandomStream.h"
 #include "version.h"
 
 namespace {
@@ -59,6 +61,9 @@ int run(int argc, char** argv) {
   const std::unique_ptr<Args> args = Args_new();
   parse_args(argc, argv, args.get());
   print_banner(args.get());
+  // seed + id + rank, taken as an unsigned 32-bit value.
+  const std::int64_t seed_sum = static_cast<std::int64_t>(args->seed) + args->id + args->rank;
+  RandomStream_new(args->init->stream.get(), static_cast<std::uint32_t>(seed_sum));
 
   std::unique_ptr<SSMData> data;
   if (args->rank == 0) {

@@ -12,3 +12,6 @@ void single_set(const Args* args, const SSMData* data);
 
 // A team of threads drawing tasks from one ticket counter.
 void thread(const Args* args, const SSMData* data);
+
+// Ends the process when a state dimension of the job is below 1.
+void require_dimensions(const Args* args);

@@ -1,0 +1,144 @@
+#include <cfloat>
+#include <cmath>
+
+#include "em/SSM_EM.h"
+#include "log.h"
+#include "math/Matrix.h"
+#include "math/blas.h"
+
+bool SSM_EM_is_normal(double value) { return std::isnormal(value); }
+
+void SSM_EM_calc_ABinv(const double* A, const double* B, double* X, int rows, int k, double* tmp,
+                       int* ipiv, double* At) {
+  int info = 0;
+  Matrix_copy(tmp, B, k, k);
+  dgetrf_(&k, &k, tmp, &k, ipiv, &info);
+  // Solve B' Z = A' on the transpose of A, then transpose back.
+  for (int j = 0; j < k; ++j) {
+    dcopy_(&rows, A + static_cast<std::size_t>(j) * rows, &Matrix_INT_ONE, At + j, &k);
+  }
+  dgetrs_("T", &k, &rows, tmp, &k, ipiv, At, &k, &info);
+  for (int i = 0; i < rows; ++i) {
+    dcopy_(&k, At + static_cast<std::size_t>(i) * k, &Matrix_INT_ONE, X + i, &rows);
+  }
+}
+
+void SSM_EM_update_constraint_F(const double* xx_lag, const double* xx_prev, const double* /*Q*/,
+                                const double* Fc_C, double* F, int k, double* /*Fc_G*/,
+                                double* Fc_CW, double* /*Fc_W*/, int* ipiv, double* work,
+                                int lwork, double g) {
+  // The plain update, by the explicit inverse of xx_prev.
+  Matrix_copy(Fc_CW, xx_prev, k, k);
+  Matrix_inverse(Fc_CW, k, ipiv, work, lwork);
+  dgemm_("N", "N", &k, &k, &k, &Matrix_DOUBLE_ONE, xx_lag, &k, Fc_CW, &k, &Matrix_DOUBLE_ZERO, F,
+         &k);
+  // The Lagrange multipliers of the constraint: only the diagonal of F moves,
+  // each element to F(i, i) + (g - F(i, i)). Fc_C read with leading dimension
+  // k * k is the transpose of the k x (k * k) selection matrix.
+  for (int i = 0; i < k; ++i) Fc_CW[i] = g - F[i + i * k];
+  const int kk = k * k;
+  dgemv_("N", &kk, &k, &Matrix_DOUBLE_ONE, Fc_C, &kk, Fc_CW, &Matrix_INT_ONE, &Matrix_DOUBLE_ONE,
+         F, &Matrix_INT_ONE);
+}
+
+void SSM_EM_prepare_constraint(SSMWork* work, int k) {
+  Matrix_clear(work->Fc_C, k * k, k);
+  for (int i = 0; i < k; ++i) work->Fc_C[static_cast<std::size_t>(i) * (k * k + k + 1)] = 1.0;
+}
+
+namespace {
+
+// R[i] = (yy[i] - 2 h yx(i)' + h xx_obs h') / n_samples, h the new row i of H.
+void update_R(SSM* ssm, const SSMSuffStat* total, int p, int k, int n_samples, double* vec_k) {
+  const double c = 1.0 / n_samples;
+  for (int i = 0; i < p; ++i) {
+    const double* h = ssm->H + i;
+    const double a = ddot_(&k, h, &p, total->yx + i, &p);
+    dgemv_("N", &k, &k, &Matrix_DOUBLE_ONE, total->xx_obs, &k, h, &p, &Matrix_DOUBLE_ZERO, vec_k,
+           &Matrix_INT_ONE);
+    const double b = ddot_(&k, h, &p, vec_k, &Matrix_INT_ONE);
+    ssm->R[i] = (total->yy[i] - a - a + b) * c;
+  }
+}
+
+void m_step(const SSMEMParam* em, SSM* ssm, const SSMSuffStat* total, const SSMData* data, int k,
+            SSMWork* work) {
+  const int p = data->p;
+  if (em->update_mu != 0) {
+    const double scale = 1.0 / data->n_replicates;
+    Matrix_copy(ssm->exp, total->x0, k, 1);
+    dscal_(&k, &scale, ssm->exp, &Matrix_INT_ONE);
+  }
+  SSM_EM_calc_ABinv(total->yx, total->xx_obs, ssm->H, p, k, work->mat_k2, work->ipiv,
+                    work->mat_pk);
+  if (!work->Fc_C) {
+    SSM_EM_calc_ABinv(total->xx_lag, total->xx_prev, ssm->F, k, k, work->mat_k2, work->ipiv,
+                      work->mat_pk);
+  } else {
+    SSM_EM_update_constraint_F(total->xx_lag, total->xx_prev, ssm->Q, work->Fc_C, ssm->F, k,
+                               work->Fc_G, work->Fc_CW, work->Fc_W, work->ipiv, work->work,
+                               work->lwork, em->constrain_Fg);
+  }
+  update_R(ssm, total, p, k, data->n_samples, work->vec_k);
+  if (em->RrI != 0) {
+    double sum = 0.0;
+    for (int i = 0; i < p; ++i) sum += ssm->R[i];
+    const double r = sum / p;
+    dcopy_(&p, &r, &Matrix_INT_ZERO, ssm->R, &Matrix_INT_ONE);
+  }
+}
+
+}  // namespace
+
+SSMResult SSM_EM_algo(const SSMEMParam* em, SSM* ssm, SSMState* state, SSMSuffStat* each,
+                      SSMSuffStat* total, const SSMData* data, int k, SSMWork* work) {
+  int i = 0;
+  double prev = -DBL_MAX;
+  int monotone = 1;
+  double llh = 0.0;
+  int converged = 0;
+  for (;;) {
+    llh = SSM_EM_estimate(ssm, state, each, total, data, k, work, em->ridge);
+    if (i > em->em_loop / 10 && std::isnan(llh)) {
+      converged = 0;
+      break;
+    }
+    double diff = llh - prev;
+    if (em->abs_converge != 0) diff = std::fabs(diff);
+    if (diff < 0.0) monotone = 0;
+    if (!std::isnan(llh) && em->converge > diff) {
+      converged = 1;
+      break;
+    }
+    if (i == em->em_loop - 1) {
+      converged = 0;
+      break;
+    }
+    m_step(em, ssm, total, data, k, work);
+    prev = llh;
+    ++i;
+    if (em->verbose >= 2) {
+      std::fprintf(TARN_ERR, "(%d) llh = %f\n", i, llh);
+      std::fflush(TARN_ERR);
+    }
+  }
+  if (em->verbose > 0) {
+    std::fprintf(TARN_ERR, "SSM_EM_algo(): Estimation finished. llh=%f\n", llh);
+    std::fflush(TARN_ERR);
+  }
+  const int p = data->p;
+  double m = static_cast<double>((k + 1) * p) + static_cast<double>(k * k + k) * 0.5;
+  if (em->update_mu != 0) m += static_cast<double>(k);
+  SSMResult result{};
+  result.p = p;
+  result.k = k;
+  result.llh = llh;
+  result.BIC = llh * -2.0 + std::log(data->n_samples) * m;
+  result.monotone = monotone;
+  result.converged = converged;
+  result.loops = i + 1;
+  result.ssm = ssm;
+  result.D = nullptr;
+  result.L = nullptr;
+  return result;
+}
