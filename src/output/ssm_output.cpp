@@ -1,10 +1,25 @@
 #include "output/ssm_output.h"
 
-#include "log.h"
+#include "model/SSM_constrain.h"
+#include "output/output.h"
 
-void ssm_output(SSMResult* /*result*/, SSMWork* /*work*/, SSMState* /*state_store*/,
-                const SSMData* /*data*/, const char* /*prefix*/, const char* /*suffix*/,
-                int set_no, int /*each*/, int /*state*/, int /*output_option*/) {
-  std::fprintf(TARN_ERR, "Result files of set %d are not written in this build yet.\n", set_no);
-  std::fflush(TARN_ERR);
+void ssm_output(SSMResult* result, SSMWork* work, SSMState* state_store, const SSMData* data,
+                const char* prefix, const char* suffix, int set_no, int each, int state,
+                int output_option) {
+  SSMResult_calc_D_L(result, work);
+  // The filter passes of the state writers reuse RinvH and u, under D and L.
+  if (state != 0) {
+    if (each != 0) {
+      Kalman_apply_output_each(result->ssm, result->k, data, state_store, work, prefix, suffix,
+                               set_no, output_option);
+    } else {
+      Kalman_apply_output(result->ssm, result->k, data, state_store, work, prefix, suffix,
+                          set_no, output_option);
+    }
+  }
+  if (each != 0) {
+    SSMResult_output_each(result, prefix, suffix, set_no);
+  } else {
+    SSMResult_output(result, prefix, suffix, set_no);
+  }
 }

@@ -1,0 +1,88 @@
+#include <cstdio>
+
+#include "log.h"
+#include "math/Matrix.h"
+#include "model/SSM_file.h"
+#include "output/output.h"
+#include "output/text_out.h"
+
+namespace {
+
+constexpr int kEachPrecision = 15;
+
+// Formats the name of one result file; the caller checks the first name's length.
+int result_name(char (&buf)[1024], const char* prefix, int k, int set, const char* label,
+                const char* suffix) {
+  return std::snprintf(buf, sizeof buf, "%s.D%03d.S%03d.%s.%s", prefix, k, set, label, suffix);
+}
+
+void require_fits(int len) {
+  if (len < 0 || len >= 1024) tarn_fatal("ERROR: Output prefix and/or postfix too long.\n");
+}
+
+std::FILE* open_result(const char* name) {
+  std::FILE* fp = std::fopen(name, "w");
+  if (fp == nullptr) tarn_fatal("ERROR: Failed to open file: %s\n", name);
+  return fp;
+}
+
+void write_summary(const char* name, const SSMResult* result, int set) {
+  std::FILE* fp = open_result(name);
+  std::fprintf(fp, "%03d\t%03d\t%f\t%f\t%d\t%s\t%s\n", result->k, set, result->llh, result->BIC,
+               result->loops, result->monotone != 0 ? "Monotone" : "Not Monotone",
+               result->converged != 0 ? "Converged" : "Not Converged");
+  std::fclose(fp);
+}
+
+}  // namespace
+
+void SSMResult_output(const SSMResult* result, const char* prefix, const char* suffix, int set) {
+  const int p = result->p;
+  const int k = result->k;
+  char name[1024];
+  require_fits(result_name(name, prefix, k, set, "A", suffix));
+  std::fprintf(TARN_ERR, "Outputting the result into a single file: %s\n", name);
+  std::fflush(TARN_ERR);
+  std::FILE* fp = open_result(name);
+  SSM_write_fp(result->ssm, p, k, fp);
+  Matrix_write_labelled(fp, "SSMResult::D", result->D, k, p);
+  Matrix_write_labelled(fp, "SSMResult::L", result->L, k, 1);
+  std::fclose(fp);
+
+  result_name(name, prefix, k, set, "B", suffix);
+  std::fprintf(TARN_ERR, "Outputting the summary file: %s\n", name);
+  write_summary(name, result, set);
+}
+
+void SSMResult_output_matrix(const char* file_name, const double* matrix, int rows, int columns) {
+  std::FILE* fp = open_result(file_name);
+  for (int i = 0; i < rows; ++i) put_row(fp, matrix + i, columns, rows, kEachPrecision, "  ");
+  std::fclose(fp);
+}
+
+void SSMResult_output_each(const SSMResult* result, const char* prefix, const char* suffix,
+                           int set) {
+  const int p = result->p;
+  const int k = result->k;
+  const SSM* ssm = result->ssm;
+  char name[1024];
+  require_fits(result_name(name, prefix, k, set, "*", suffix));
+  std::fprintf(TARN_ERR, "Outputting files: %s\n", name);
+  std::fflush(TARN_ERR);
+  struct Part {
+    const char* label;
+    const double* values;
+    int rows;
+    int columns;
+  };
+  const Part parts[] = {{"H", ssm->H, p, k}, {"R", ssm->R, p, 1},    {"F", ssm->F, k, k},
+                        {"D", result->D, k, p}, {"L", result->L, k, 1}, {"x", ssm->exp, k, 1}};
+  for (const Part& part : parts) {
+    result_name(name, prefix, k, set, part.label, suffix);
+    std::fprintf(TARN_ERR, "%s ...\n", name);
+    SSMResult_output_matrix(name, part.values, part.rows, part.columns);
+  }
+  result_name(name, prefix, k, set, "B", suffix);
+  std::fprintf(TARN_ERR, "%s ...\n", name);
+  write_summary(name, result, set);
+}
