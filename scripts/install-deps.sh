@@ -4,7 +4,7 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build
   libgtest-dev libgmock-dev libbenchmark-dev
-  libopenblas-serial-dev
+  libopenblas-openmp-dev
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -14,6 +14,7 @@
 #include "exec/modes.h"
 #include "kalman/apply_Kalman.h"
 #include "log.h"
+#include "math/blas.h"
 #include "math/RandomStream.h"
 #include "version.h"
 
@@ -88,6 +89,8 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   set_flush_to_zero();
+  // Every BLAS call works on one thread; the thread mode runs calls side by side.
+  openblas_set_num_threads(1);
   try {
     return run(argc, argv);
   } catch (const std::bad_alloc&) {

@@ -22,6 +22,10 @@ void SSMSuffStat_calc(SSMSuffStat* each, const SSMState* state, const SSM* ssm, 
 SSMResult SSM_EM_algo(const SSMEMParam* em, SSM* ssm, SSMState* state, SSMSuffStat* each,
                       SSMSuffStat* total, const SSMData* data, int k, SSMWork* work);
 
+// The M-step on the sums of total: exp (with update_mu), H, F, then R.
+void SSM_EM_m_step(const SSMEMParam* em, SSM* ssm, const SSMSuffStat* total, const SSMData* data,
+                   int k, SSMWork* work);
+
 // X = A B^-1 (A, X rows x k; B k x k) through one LU factorisation of B.
 void SSM_EM_calc_ABinv(const double* A, const double* B, double* X, int rows, int k, double* tmp,
                        int* ipiv, double* At);

@@ -61,8 +61,10 @@ void update_R(SSM* ssm, const SSMSuffStat* total, int p, int k, int n_samples, d
   }
 }
 
-void m_step(const SSMEMParam* em, SSM* ssm, const SSMSuffStat* total, const SSMData* data, int k,
-            SSMWork* work) {
+}  // namespace
+
+void SSM_EM_m_step(const SSMEMParam* em, SSM* ssm, const SSMSuffStat* total, const SSMData* data,
+                   int k, SSMWork* work) {
   const int p = data->p;
   if (em->update_mu != 0) {
     const double scale = 1.0 / data->n_replicates;
@@ -88,8 +90,6 @@ void m_step(const SSMEMParam* em, SSM* ssm, const SSMSuffStat* total, const SSMD
   }
 }
 
-}  // namespace
-
 SSMResult SSM_EM_algo(const SSMEMParam* em, SSM* ssm, SSMState* state, SSMSuffStat* each,
                       SSMSuffStat* total, const SSMData* data, int k, SSMWork* work) {
   int i = 0;
@@ -114,7 +114,7 @@ SSMResult SSM_EM_algo(const SSMEMParam* em, SSM* ssm, SSMState* state, SSMSuffSt
       converged = 0;
       break;
     }
-    m_step(em, ssm, total, data, k, work);
+    SSM_EM_m_step(em, ssm, total, data, k, work);
     prev = llh;
     ++i;
     if (em->verbose >= 2) {

@@ -1,13 +1,126 @@
+#include <omp.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "em/SSM_EM.h"
+#include "exec/execute.h"
 #include "exec/modes.h"
 #include "log.h"
+#include "model/SSM_init.h"
+#include "output/ssm_output.h"
+
+namespace {
+
+// The ticket counters: which set and dim the next task belongs to.
+struct Tickets {
+  int set_id = 1;  // 0 once every ticket is given out
+  int dim_index = 0;
+  int iter = 0;
+  int set_in_dim = 0;
+};
+
+// Takes the next ticket (under the lock): its set id, or 0 when none is left.
+int take_ticket(Tickets* tk, const Args* args, int* k) {
+  const int sid = tk->set_id;
+  if (sid == 0) return 0;
+  *k = args->dims[tk->dim_index];
+  if (++tk->iter == args->iterations) {
+    tk->iter = 0;
+    ++tk->set_id;
+    if (++tk->set_in_dim == args->sets) {
+      tk->set_in_dim = 0;
+      if (++tk->dim_index == args->n_dims) tk->set_id = 0;
+    }
+  }
+  return sid;
+}
+
+// The records of one thread, made for the largest dim of the job.
+struct ThreadRecords {
+  ThreadRecords(const SSMData* data, int max_k, int constrain_F)
+      : ssm(SSM_new(data->p, max_k)),
+        state(SSMState_new(max_k, data->T)),
+        suff_a(SSMSuffStat_new(data->p, max_k)),
+        suff_b(SSMSuffStat_new(data->p, max_k)),
+        work(SSMWork_new(data->p, max_k, data->n_samples, constrain_F)) {}
+  std::unique_ptr<SSM> ssm;
+  std::unique_ptr<SSMState> state;
+  std::unique_ptr<SSMSuffStat> suff_a;
+  std::unique_ptr<SSMSuffStat> suff_b;
+  std::unique_ptr<SSMWork> work;
+  int prepared_k = -1;
+};
+
+// One task: attempts from fresh random models, retried as in the single mode.
+SSMResult run_task(const Args* args, const SSMData* data, ThreadRecords* rec, int k) {
+  const SSMEMParam* em = args->em.get();
+  int fails = 0;
+  int tries = -1;
+  SSMResult result{};
+  for (;;) {
+    ++tries;
+#pragma omp critical
+    SSM_init(rec->ssm.get(), args->init.get(), data->p, k, data->Y.data(), data->n_samples);
+    result = SSM_EM_algo(em, rec->ssm.get(), rec->state.get(), rec->suff_a.get(),
+                         rec->suff_b.get(), data, k, rec->work.get());
+    if (em->retry >= 0 && em->retry <= tries) break;
+    if (SSM_EM_is_normal(result.llh) && result.monotone != 0) break;
+    fails = tries + 1;
+    std::fprintf(TARN_ERR, "Estimation failed.  Retrying (%d)...\n", fails);
+    std::fflush(TARN_ERR);
+  }
+  if (em->retry != -1 && fails >= em->retry) {
+    std::fprintf(TARN_ERR, "WARNING: Retry count exceeded the limitation.\n");
+    std::fflush(TARN_ERR);
+  }
+  return result;
+}
+
+}  // namespace
 
 void thread(const Args* args, const SSMData* data) {
   std::fprintf(TARN_ERR, "*******************************\n");
   std::fprintf(TARN_ERR, "**   Thread Execution Mode   **\n");
   std::fprintf(TARN_ERR, "*******************************\n");
   std::fprintf(TARN_ERR, "Number of threads = %d\n", args->threads);
+  omp_set_num_threads(args->threads);
   SSMData_print_summary(data);
   SSMData_require_samples(data);
-  std::fprintf(TARN_ERR, "Estimation is not available in this build yet.\n");
+  int max_k = -2147483647;
+  for (int d = 0; d < args->n_dims; ++d) max_k = std::max(max_k, args->dims[d]);
+  std::fprintf(TARN_ERR, "Max dimemsion = %d\n", max_k);
+  std::fprintf(TARN_ERR, "Total single tasks = %d\n", args->iterations * args->sets * args->n_dims);
   std::fflush(TARN_ERR);
+  require_dimensions(args);
+  if (args->sets < 1 || args->iterations < 1) {
+    tarn_fatal("ERROR: The thread mode needs at least one set (-s) and one iteration (-n).\n");
+  }
+
+  const std::size_t n = static_cast<std::size_t>(args->n_dims) * args->sets;
+  Tickets tickets;
+  SetTable table(n, max_k);
+
+#pragma omp parallel default(shared)
+  {
+    const int me = omp_get_thread_num();
+    ThreadRecords rec(data, max_k, args->em->constrain_F);
+    for (;;) {
+      int k = 0;
+      int sid = 0;
+#pragma omp critical
+      {
+        sid = take_ticket(&tickets, args, &k);
+#pragma omp flush(tickets)
+      }
+      if (sid == 0) break;
+      if (args->em->constrain_F != 0 && k != rec.prepared_k) {
+        SSM_EM_prepare_constraint(rec.work.get(), k);
+        rec.prepared_k = k;
+      }
+      SSMResult result = run_task(args, data, &rec, k);
+#pragma omp critical
+      finish_task(&table, args, data, sid, me, result, rec.work.get(), rec.state.get());
+    }
+  }
 }

@@ -55,7 +55,9 @@ double erfinv(double x) {
   const bool tail = ax > 0.5;
   const double target = tail ? 1.0 - ax : ax;  // exact for ax > 0.5
   double y = erfinv_guess(ax);
-  for (int iter = 0; iter < 4; ++iter) {
+  // Two to four steps settle y over most of the range; within about 3e-15
+  // of the ends the first guess is poor and more are needed.
+  for (int iter = 0; iter < 12; ++iter) {
     const double slope = kTwoOverSqrtPi * std::exp(-y * y);
     const double f = tail ? target - std::erfc(y) : std::erf(y) - target;
     const double dy = f / slope;

@@ -34,4 +34,7 @@ void dgesvd_(const char* jobu, const char* jobvt, const int* m, const int* n, do
              const int* lda, double* s, double* u, const int* ldu, double* vt, const int* ldvt,
              double* work, const int* lwork, int* info, std::size_t jobu_len = 1,
              std::size_t jobvt_len = 1);
+
+// OpenBLAS: the number of threads of its own that a call may use.
+void openblas_set_num_threads(int num_threads);
 }
