@@ -7,4 +7,4 @@ bash scripts/install-deps.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release
 ninja -C build -j "$(nproc)"
 mkdir -p examples/out
-./build/tarnssm -o examples/out/result "$@" examples/data/sim-expression.txt
+./build/tarnssm -n 20 -o examples/out/result "$@" examples/data/sim-expression.txt
