@@ -5,6 +5,7 @@ packages=(
   g++ cmake ninja-build
   libgtest-dev libgmock-dev libbenchmark-dev
   libopenblas-openmp-dev
+  slurm-wlm munge
 )
 missing=()
 for p in "${packages[@]}"; do
