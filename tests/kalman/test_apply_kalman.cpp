@@ -1,0 +1,177 @@
+// Applying a stored model with --ssm: the one-sweep estimate of the initial
+// state, the files and log of the mode, the round trip from an estimation's
+// result file, and the models it refuses.
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <random>
+#include <set>
+#include <sstream>
+
+#include "model/SSM_file.h"
+#include "output/read_back.h"
+
+using namespace dense_ref;
+using namespace out_test;
+using tarn_test::read_text;
+using tarn_test::run_tarnssm;
+using tarn_test::ScratchDir;
+using tarn_test::write_text;
+
+namespace {
+
+// p objects over times 1..T in n_rep replicates; the last replicate lacks
+// time 3, and about one cell in ten is missing.
+std::string data_text(int p, int T, int n_rep, std::mt19937_64& rng) {
+  std::ostringstream time, rep;
+  std::vector<std::ostringstream> rows(p);
+  time << "@time";
+  rep << "@replicate";
+  for (int i = 0; i < p; ++i) rows[i] << 'o' << i;
+  std::uniform_real_distribution<double> u(-3.0, 3.0);
+  for (int r = 1; r <= n_rep; ++r) {
+    for (int t = 1; t <= T; ++t) {
+      if (r == n_rep && t == 3) continue;
+      time << '\t' << t;
+      rep << '\t' << r;
+      for (auto& row : rows) {
+        if (u(rng) > 2.4)
+          row << "\tNaN";
+        else
+          row << '\t' << u(rng);
+      }
+    }
+  }
+  std::string text = time.str() + '\n' + rep.str() + '\n';
+  for (const auto& row : rows) text += row.str() + '\n';
+  return text;
+}
+
+void write_model(const std::filesystem::path& path, const Model& m) {
+  std::FILE* fp = std::fopen(path.c_str(), "w");
+  SSM_write_fp(to_ssm(m).get(), m.p, m.k, fp);
+  std::fclose(fp);
+}
+
+}  // namespace
+
+TEST(ApplyKalman, InitialStateComesFromTheLastReplicatesSweep) {
+  std::mt19937_64 rng(2024);
+  for (int n_rep : {1, 3}) {
+    SCOPED_TRACE(testing::Message() << n_rep << " replicates");
+    ScratchDir dir;
+    write_text(dir / "data.txt", data_text(5, 6, n_rep, rng));
+    write_model(dir / "model.txt", random_model(5, 2, rng));
+    const auto r = run_tarnssm({"--ssm", "model.txt", "-i", "3", "data.txt"}, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(files_in(dir.path()),
+              (std::set<std::string>{"data.txt", "model.txt", "result.D002.S003.K.dat"}));
+    const Data d = read_centred((dir / "data.txt").string());
+    const std::string log =
+        "Reading the SSM model parameters from the file: model.txt\n  Done. p = 5, dim = 2.\n"
+        "--- INPUT DATA ---------\n observed samples = " +
+        std::to_string(d.n_samples) +
+        "\n objects = 5\n time points = 6\n replicates = " + std::to_string(n_rep) +
+        "\n------------------------\n"
+        "Applying Kalman filter and smoother for estimating the initial state variable.\n"
+        "Calculating state variables and outputting files...\n"
+        "Outputting the calculated state variables: result.D002.S003.K.dat\n";
+    EXPECT_NE(r.err.find(log), std::string::npos) << r.err;
+
+    // exp = (Xs[1] - Xp[0]) + Xs[0] / n_replicates, from the last replicate alone.
+    Model m = read_model(dir / "model.txt");
+    const auto f = filter(m, d, n_rep - 1);
+    const auto s = smooth(m, f);
+    for (int j = 0; j < 2; ++j)
+      m.exp(j, 0) = (s.Xs[1](j, 0) - f.Xp[0](j, 0)) + s.Xs[0](j, 0) / n_rep;
+    const auto reps = read_state_file(read_text(dir / "result.D002.S003.K.dat"), 6);
+    ASSERT_EQ(reps.size(), static_cast<std::size_t>(n_rep));
+    for (int rr = 0; rr < n_rep; ++rr) expect_states(reps[rr], m, d, rr);
+  }
+}
+
+TEST(ApplyKalman, UpdateMuOffStartsFromStoredStateInEachLayout) {
+  std::mt19937_64 rng(77);
+  ScratchDir dir;
+  write_text(dir / "data.txt", data_text(5, 6, 3, rng));
+  write_model(dir / "model.txt", random_model(5, 2, rng));
+  const auto r = run_tarnssm({"--ssm", "model.txt", "--update-mu", "off", "--state", "off",
+                              "--each", "on", "-i", "2", "data.txt"},
+                             dir.path());
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.err.find("Applying Kalman filter"), std::string::npos);
+  EXPECT_EQ(files_in(dir.path()).size(), 2u + 3 * 7);
+  const Model m = read_model(dir / "model.txt");
+  const Data d = read_centred((dir / "data.txt").string());
+  for (int rep = 1; rep <= 3; ++rep) {
+    std::map<std::string, Rows> blocks;
+    for (const char* label : {"Xp", "Xf", "Xs", "Yp", "Yf", "Ys"}) {
+      const std::string name =
+          std::string("result.D002.S002.") + label + "." + std::to_string(rep) + ".dat";
+      EXPECT_NE(r.err.find(name + " ...\n"), std::string::npos) << name;
+      auto lines = split(read_text(dir / name), '\n');
+      ASSERT_EQ(lines.size(), 7u) << name;
+      for (int t = 0; t < 6; ++t) blocks[label].push_back(split(lines[t], '\t'));
+    }
+    expect_states(blocks, m, d, rep - 1);
+    EXPECT_TRUE(std::filesystem::exists(dir / ("result.Y." + std::to_string(rep) + ".dat")));
+  }
+}
+
+TEST(ApplyKalman, StoredEstimateReproducesItsOwnStates) {
+  ScratchDir estimation, applied;
+  const auto e = run_tarnssm({"-n", "2", "-l", "50", "-i", "5", kSim}, estimation.path());
+  ASSERT_EQ(e.status, 0) << e.err;
+  const std::string model = (estimation / "result.D004.S005.A.dat").string();
+  const auto a =
+      run_tarnssm({"--ssm", model, "--update-mu", "off", "-i", "5", kSim}, applied.path());
+  ASSERT_EQ(a.status, 0) << a.err;
+  EXPECT_EQ(files_in(applied.path()), std::set<std::string>{"result.D004.S005.K.dat"});
+  const auto want = read_state_file(read_text(estimation / "result.D004.S005.K.dat"), 12);
+  const auto got = read_state_file(read_text(applied / "result.D004.S005.K.dat"), 12);
+  ASSERT_EQ(got.size(), 3u);
+  ASSERT_EQ(want.size(), 3u);
+  for (std::size_t r = 0; r < 3; ++r) {
+    for (const auto& [label, rows] : want[r]) {
+      for (std::size_t t = 0; t < rows.size(); ++t) {
+        const auto& row = got[r].at(label)[t];
+        ASSERT_EQ(row.size(), rows[t].size());
+        for (std::size_t j = 0; j < row.size(); ++j) {
+          const double v = num(rows[t][j]);
+          if (std::isnan(v)) {
+            EXPECT_EQ(row[j], "NAN");
+          } else {
+            EXPECT_NEAR(num(row[j]), v, 1e-9 * std::max(1.0, std::fabs(v)));
+          }
+        }
+      }
+    }
+  }
+}
+
+TEST(ApplyKalman, RefusesModelsThatDoNotFit) {
+  std::mt19937_64 rng(3);
+  ScratchDir dir;
+  write_model(dir / "model.txt", random_model(5, 2, rng));
+  write_text(dir / "data.txt", data_text(5, 4, 1, rng));
+  write_text(dir / "k0.txt",
+             "SSM_p_k\t1\t2\n5\t0\n\nSSM::exp\t0\t1\n\nSSM::var\t0\t0\n\nSSM::H\t5\t0\n\n\n\n\n\n\n"
+             "SSM::R\t5\t1\n1\n1\n1\n1\n1\n\nSSM::F\t0\t0\n\nSSM::Q\t0\t1\n\n");
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{"--ssm", "model.txt", kSim},
+       "  Done. p = 5, dim = 2.\nERROR: Number of objects inconsistent.\n     :  input data: 200  "
+       "vs  input SSM: 5\n"},
+      {{"--ssm", "nope.txt", "data.txt"},
+       "Reading the SSM model parameters from the file: nope.txt\nERROR: Cannot open file: "
+       "nope.txt\n"},
+      {{"--ssm", "k0.txt", "data.txt"},
+       "------------------------\nERROR: State dimension must be 1 or more: 0\n"}};
+  for (const auto& [args, tail] : cases) {
+    const auto r = run_tarnssm(args, dir.path());
+    EXPECT_EQ(r.status, 1) << args[1];
+    EXPECT_TRUE(r.err.ends_with(tail)) << r.err;
+    EXPECT_EQ(files_in(dir.path()).size(), 3u) << "no output file for " << args[1];
+  }
+}
