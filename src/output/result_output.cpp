@@ -4,6 +4,7 @@
 #include "math/Matrix.h"
 #include "model/SSM_file.h"
 #include "output/output.h"
+#include "output/output_file.h"
 #include "output/text_out.h"
 
 namespace {
@@ -20,18 +21,18 @@ void require_fits(int len) {
   if (len < 0 || len >= 1024) tarn_fatal("ERROR: Output prefix and/or postfix too long.\n");
 }
 
-std::FILE* open_result(const char* name) {
-  std::FILE* fp = std::fopen(name, "w");
-  if (fp == nullptr) tarn_fatal("ERROR: Failed to open file: %s\n", name);
-  return fp;
+OutputFile open_result(const char* name) {
+  OutputFile file;
+  if (!OutputFile_open(&file, name)) tarn_fatal("ERROR: Failed to open file: %s\n", name);
+  return file;
 }
 
 void write_summary(const char* name, const SSMResult* result, int set) {
-  std::FILE* fp = open_result(name);
-  std::fprintf(fp, "%03d\t%03d\t%f\t%f\t%d\t%s\t%s\n", result->k, set, result->llh, result->BIC,
-               result->loops, result->monotone != 0 ? "Monotone" : "Not Monotone",
+  OutputFile file = open_result(name);
+  std::fprintf(file.fp, "%03d\t%03d\t%f\t%f\t%d\t%s\t%s\n", result->k, set, result->llh,
+               result->BIC, result->loops, result->monotone != 0 ? "Monotone" : "Not Monotone",
                result->converged != 0 ? "Converged" : "Not Converged");
-  std::fclose(fp);
+  OutputFile_commit(&file);
 }
 
 }  // namespace
@@ -43,11 +44,11 @@ void SSMResult_output(const SSMResult* result, const char* prefix, const char* s
   require_fits(result_name(name, prefix, k, set, "A", suffix));
   std::fprintf(TARN_ERR, "Outputting the result into a single file: %s\n", name);
   std::fflush(TARN_ERR);
-  std::FILE* fp = open_result(name);
-  SSM_write_fp(result->ssm, p, k, fp);
-  Matrix_write_labelled(fp, "SSMResult::D", result->D, k, p);
-  Matrix_write_labelled(fp, "SSMResult::L", result->L, k, 1);
-  std::fclose(fp);
+  OutputFile file = open_result(name);
+  SSM_write_fp(result->ssm, p, k, file.fp);
+  Matrix_write_labelled(file.fp, "SSMResult::D", result->D, k, p);
+  Matrix_write_labelled(file.fp, "SSMResult::L", result->L, k, 1);
+  OutputFile_commit(&file);
 
   result_name(name, prefix, k, set, "B", suffix);
   std::fprintf(TARN_ERR, "Outputting the summary file: %s\n", name);
@@ -55,9 +56,9 @@ void SSMResult_output(const SSMResult* result, const char* prefix, const char* s
 }
 
 void SSMResult_output_matrix(const char* file_name, const double* matrix, int rows, int columns) {
-  std::FILE* fp = open_result(file_name);
-  for (int i = 0; i < rows; ++i) put_row(fp, matrix + i, columns, rows, kEachPrecision, "  ");
-  std::fclose(fp);
+  OutputFile file = open_result(file_name);
+  for (int i = 0; i < rows; ++i) put_row(file.fp, matrix + i, columns, rows, kEachPrecision, "  ");
+  OutputFile_commit(&file);
 }
 
 void SSMResult_output_each(const SSMResult* result, const char* prefix, const char* suffix,

@@ -5,6 +5,7 @@
 #include "math/Matrix.h"
 #include "math/blas.h"
 #include "output/output.h"
+#include "output/output_file.h"
 #include "output/text_out.h"
 
 namespace {
@@ -56,13 +57,13 @@ void put_block(std::FILE* fp, const char* label, int T, Row row) {
 
 // The state files fail with "ERROR: Cannot open file", the data file with
 // the same words but no "ERROR: " in front.
-std::FILE* open_or_die(const char* name, bool error_prefix) {
-  std::FILE* fp = std::fopen(name, "w");
-  if (fp == nullptr) {
+OutputFile open_or_die(const char* name, bool error_prefix) {
+  OutputFile file;
+  if (!OutputFile_open(&file, name)) {
     if (error_prefix) tarn_fatal("ERROR: Cannot open file: %s\n", name);
     tarn_fatal("Cannot open file: %s\n", name);
   }
-  return fp;
+  return file;
 }
 
 }  // namespace
@@ -78,11 +79,12 @@ void Kalman_apply_output(const SSM* ssm, int k, const SSMData* data, SSMState* s
   }
   std::fprintf(TARN_ERR, "Outputting the calculated state variables: %s\n", name);
   std::fflush(TARN_ERR);
-  std::FILE* fp = std::fopen(name, "w");
-  if (fp == nullptr) {
+  OutputFile file;
+  if (!OutputFile_open(&file, name)) {
     std::fprintf(TARN_ERR, "WARNING: Cannot open file: %s\n", name);
     return;
   }
+  std::FILE* fp = file.fp;
   const int p = data->p;
   const int T = data->T;
   const double* H = ssm->H;
@@ -107,29 +109,29 @@ void Kalman_apply_output(const SSM* ssm, int k, const SSMData* data, SSMState* s
     put_block(fp, "Ys", T, hx_row(s->Xs, 1));
     put_block(fp, "Y", T, [&](int t) { put_observed_row(fp, data, r, t); });
   }
-  std::fclose(fp);
+  OutputFile_commit(&file);
 }
 
 void SSMState_output(const char* file_name, const double* const* x, int k, int T) {
-  std::FILE* fp = open_or_die(file_name, true);
-  for (int t = 0; t < T; ++t) put_row(fp, x[t], k, 1, kStatePrecision, "\t");
-  std::fclose(fp);
+  OutputFile file = open_or_die(file_name, true);
+  for (int t = 0; t < T; ++t) put_row(file.fp, x[t], k, 1, kStatePrecision, "\t");
+  OutputFile_commit(&file);
 }
 
 void SSM_output_Hx(const char* file_name, const double* H, const double* const* x, int p, int k,
                    int T, double* buffer) {
-  std::FILE* fp = open_or_die(file_name, true);
+  OutputFile file = open_or_die(file_name, true);
   for (int t = 0; t < T; ++t) {
     image_through_H(H, x[t], p, k, buffer);
-    put_row(fp, buffer, p, 1, kStatePrecision, "\t");
+    put_row(file.fp, buffer, p, 1, kStatePrecision, "\t");
   }
-  std::fclose(fp);
+  OutputFile_commit(&file);
 }
 
 void SSMData_output(const SSMData* data, const char* file_name, int r) {
-  std::FILE* fp = open_or_die(file_name, false);
-  for (int t = 0; t < data->T; ++t) put_observed_row(fp, data, r, t);
-  std::fclose(fp);
+  OutputFile file = open_or_die(file_name, false);
+  for (int t = 0; t < data->T; ++t) put_observed_row(file.fp, data, r, t);
+  OutputFile_commit(&file);
 }
 
 void Kalman_apply_output_each(const SSM* ssm, int k, const SSMData* data, SSMState* state,
