@@ -6,8 +6,8 @@
 #   bench/thread_scaling.sh [TARNSSM] [DATA] [THREADS...]
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
-tarnssm=${1:-$top/build/tarnssm}
-data=${2:-$top/examples/data/sim-expression.txt}
+tarnssm=$(realpath "${1:-$top/build/tarnssm}")
+data=$(realpath "${2:-$top/examples/data/sim-expression.txt}")
 shift $(( $# > 2 ? 2 : $# ))
 threads=("$@")
 [ ${#threads[@]} -gt 0 ] || threads=(1 2)
