@@ -4,20 +4,20 @@
 #include "em/SSM_EM.h"
 #include "log.h"
 #include "math/Matrix.h"
+#include "math/SmallMatrix.h"
 #include "math/blas.h"
 
 bool SSM_EM_is_normal(double value) { return std::isnormal(value); }
 
 void SSM_EM_calc_ABinv(const double* A, const double* B, double* X, int rows, int k, double* tmp,
                        int* ipiv, double* At) {
-  int info = 0;
   Matrix_copy(tmp, B, k, k);
-  dgetrf_(&k, &k, tmp, &k, ipiv, &info);
+  Small_getrf(k, tmp, ipiv);
   // Solve B' Z = A' on the transpose of A, then transpose back.
   for (int j = 0; j < k; ++j) {
     dcopy_(&rows, A + static_cast<std::size_t>(j) * rows, &Matrix_INT_ONE, At + j, &k);
   }
-  dgetrs_("T", &k, &rows, tmp, &k, ipiv, At, &k, &info);
+  Small_getrs('T', k, rows, tmp, ipiv, At, k);
   for (int i = 0; i < rows; ++i) {
     dcopy_(&k, At + static_cast<std::size_t>(i) * k, &Matrix_INT_ONE, X + i, &rows);
   }
@@ -30,8 +30,7 @@ void SSM_EM_update_constraint_F(const double* xx_lag, const double* xx_prev, con
   // The plain update, by the explicit inverse of xx_prev.
   Matrix_copy(Fc_CW, xx_prev, k, k);
   Matrix_inverse(Fc_CW, k, ipiv, work, lwork);
-  dgemm_("N", "N", &k, &k, &k, &Matrix_DOUBLE_ONE, xx_lag, &k, Fc_CW, &k, &Matrix_DOUBLE_ZERO, F,
-         &k);
+  Small_gemm('N', 'N', k, 1.0, xx_lag, Fc_CW, 0.0, F);
   // The Lagrange multipliers of the constraint: only the diagonal of F moves,
   // each element to F(i, i) + (g - F(i, i)). Fc_C read with leading dimension
   // k * k is the transpose of the k x (k * k) selection matrix.

@@ -1,6 +1,7 @@
 #include "em/SSM_EM.h"
 #include "kalman/Kalman.h"
 #include "math/Matrix.h"
+#include "math/SmallMatrix.h"
 #include "math/blas.h"
 
 void SSMSuffStat_calc(SSMSuffStat* each, const SSMState* state, const SSM* ssm, int p, int k,
@@ -74,8 +75,7 @@ double SSM_EM_estimate(const SSM* ssm, SSMState* state, SSMSuffStat* each, SSMSu
                          work);
     Kalman_smoother(state, k, T, work->vec_k, work->mat_k1, work->mat_k2);
     for (int t = 0; t < T; ++t) {
-      dgemm_("N", "N", &k, &k, &k, &Matrix_DOUBLE_ONE, state->J[t], &k, state->Vs[t + 1], &k,
-             &Matrix_DOUBLE_ZERO, state->Vlag[t], &k);
+      Small_gemm('N', 'N', k, 1.0, state->J[t], state->Vs[t + 1], 0.0, state->Vlag[t]);
     }
     SSMSuffStat_calc(each, state, ssm, p, k, T, sample_at_r, data->Y.data(), data->missing.data(),
                      work->vec_p, work->mat_pk, work->mat_k3, work->vec_k);

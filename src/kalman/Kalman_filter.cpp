@@ -2,6 +2,7 @@
 
 #include "kalman/Kalman.h"
 #include "math/Matrix.h"
+#include "math/SmallMatrix.h"
 #include "math/blas.h"
 
 namespace {
@@ -15,19 +16,20 @@ void prepare_information(const SSM* ssm, int p, int k, SSMWork* w) {
     double* rh = w->RinvH + static_cast<std::size_t>(j) * p;
     for (int i = 0; i < p; ++i) rh[i] = h[i] / ssm->R[i];
   }
-  dgemm_("T", "N", &k, &k, &p, &Matrix_DOUBLE_ONE, ssm->H, &p, w->RinvH, &p, &Matrix_DOUBLE_ZERO,
-         w->HtRinvH, &k);
+  for (int j = 0; j < k; ++j) {
+    dgemv_("T", &p, &k, &Matrix_DOUBLE_ONE, ssm->H, &p, w->RinvH + static_cast<std::size_t>(j) * p,
+           &Matrix_INT_ONE, &Matrix_DOUBLE_ZERO, w->HtRinvH + static_cast<std::size_t>(j) * k,
+           &Matrix_INT_ONE);
+  }
 }
 
 // Xp[i] = F Xf[i], Vp[i] = (F Vf[i]) F' + diag(Q), and its explicit inverse.
 void predict(const SSM* ssm, SSMState* s, int k, int i, SSMWork* w) {
-  dgemm_("N", "N", &k, &k, &k, &Matrix_DOUBLE_ONE, ssm->F, &k, s->Vf[i], &k, &Matrix_DOUBLE_ZERO,
-         s->FV[i], &k);
+  Small_gemm('N', 'N', k, 1.0, ssm->F, s->Vf[i], 0.0, s->FV[i]);
   dgemv_("N", &k, &k, &Matrix_DOUBLE_ONE, ssm->F, &k, s->Xf[i], &Matrix_INT_ONE,
          &Matrix_DOUBLE_ZERO, s->Xp[i], &Matrix_INT_ONE);
   Matrix_set_diag(s->Vp[i], k, ssm->Q, Matrix_DOUBLE_ONE);
-  dgemm_("N", "T", &k, &k, &k, &Matrix_DOUBLE_ONE, s->FV[i], &k, ssm->F, &k, &Matrix_DOUBLE_ONE,
-         s->Vp[i], &k);
+  Small_gemm('N', 'T', k, 1.0, s->FV[i], ssm->F, 1.0, s->Vp[i]);
   Matrix_copy(s->Vp_inv[i], s->Vp[i], k, k);
   Matrix_inverse(s->Vp_inv[i], k, w->ipiv, w->work, w->lwork);
 }
@@ -48,9 +50,8 @@ double likelihood_term(const SSM* ssm, int p, int k, const int* missing, double 
   }
   const double c = static_cast<double>(p - n_missing) * log_2pi;
 
-  int info = 0;
   Matrix_copy(w->mat_k2, w->B, k, k);
-  dgetrf_(&k, &k, w->mat_k2, &k, w->ipiv, &info);
+  Small_getrf(k, w->mat_k2, w->ipiv);
   const double d = Matrix_log_abs_diag(w->mat_k2, k);
   return -0.5 * (q + r + c - d);
 }
@@ -63,7 +64,6 @@ void Kalman_filter_observed(const double* H, const double* R, const double* Xp, 
                             const double* y, const int* missing, int p, int k,
                             double* HtRinvH_obs, double* mat_k1, double* mat_k2, int* ipiv) {
   const int kk = k * k;
-  int info = 0;
   double* A = HtRinvH_obs;
   // Innovation e = y - H Xp.
   Matrix_copy(e, y, p, 1);
@@ -84,16 +84,17 @@ void Kalman_filter_observed(const double* H, const double* R, const double* Xp, 
   daxpy_(&kk, &Matrix_DOUBLE_ONE, A, &Matrix_INT_ONE, mat_k1, &Matrix_INT_ONE);
   Matrix_copy(mat_k2, mat_k1, k, k);
   Matrix_copy(u, b, k, 1);
-  dgesv_(&k, &Matrix_INT_ONE, mat_k2, &k, ipiv, u, &k, &info);
+  Small_getrf(k, mat_k2, ipiv);
+  Small_getrs('N', k, 1, mat_k2, ipiv, u, k);
   // Xf = Xp + u.
   Matrix_copy(Xf, Xp, k, 1);
   daxpy_(&k, &Matrix_DOUBLE_ONE, u, &Matrix_INT_ONE, Xf, &Matrix_INT_ONE);
   // B = I - G^-1 A; Vf = B Vp.
   Matrix_copy(mat_k1, A, k, k);
-  dgetrs_("N", &k, &k, mat_k2, &k, ipiv, mat_k1, &k, &info);
+  Small_getrs('N', k, k, mat_k2, ipiv, mat_k1, k);
   Matrix_set_identity(B, k);
   daxpy_(&kk, &Matrix_DOUBLE_MINUS_ONE, mat_k1, &Matrix_INT_ONE, B, &Matrix_INT_ONE);
-  dgemm_("N", "N", &k, &k, &k, &Matrix_DOUBLE_ONE, B, &k, Vp, &k, &Matrix_DOUBLE_ZERO, Vf, &k);
+  Small_gemm('N', 'N', k, 1.0, B, Vp, 0.0, Vf);
 }
 
 double Kalman_filter(const SSM* ssm, SSMState* state, int p, int k, int T, const double* Y,

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "data/Str_readline.h"
+#include "math/SmallMatrix.h"
 #include "math/blas.h"
 
 const double Matrix_DOUBLE_ONE = 1.0;
@@ -23,10 +24,8 @@ void Matrix_set_diag(double* A, int n, const double* v, double alpha) {
   for (int i = 0; i < n; ++i) A[i + i * n] = alpha * v[i];
 }
 
-void Matrix_inverse(double* A, int n, int* ipiv, double* work, int lwork) {
-  int info = 0;
-  dgetrf_(&n, &n, A, &n, ipiv, &info);
-  dgetri_(&n, A, &n, ipiv, work, &lwork, &info);
+void Matrix_inverse(double* A, int n, int* ipiv, double* work, int /*lwork*/) {
+  Small_inverse(A, n, ipiv, work);
 }
 
 double Matrix_log_abs_diag(const double* A, int n) {

@@ -18,7 +18,8 @@ void Matrix_set_identity(double* A, int n);
 // Clears the n x n matrix A and sets A(i, i) = alpha * v[i].
 void Matrix_set_diag(double* A, int n, const double* v, double alpha);
 
-// Replaces A by its inverse (DGETRF, then DGETRI); the status is not read.
+// Replaces A by its inverse through its LU factors; work holds at least n * n
+// doubles. A singular A gives infinities or NaNs and no message.
 void Matrix_inverse(double* A, int n, int* ipiv, double* work, int lwork);
 
 // Sum of log |A(i, i)| of an LU-factored A: the log of |det A|.

@@ -71,7 +71,8 @@ int query_gesvd_lwork(int p, int k) {
 std::unique_ptr<SSMWork> SSMWork_new(int p, int k, int /*n_samples*/, int constrain_F) {
   auto w = std::make_unique<SSMWork>();
   w->lwork = query_getri_lwork(k);
-  w->work = HeapArray<double>(array_size(std::max(w->lwork, 1)));
+  // Also the scratch of the k x k inverse.
+  w->work = HeapArray<double>(std::max(array_size(std::max(w->lwork, 1)), array_size(k, k)));
   w->ipiv = HeapArray<int>(array_size(k));
   w->RinvH = HeapArray<double>(array_size(p, k));
   w->b = HeapArray<double>(array_size(k));

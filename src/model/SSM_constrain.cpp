@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "math/Matrix.h"
+#include "math/SmallMatrix.h"
 #include "math/blas.h"
 
 void SSM_constrain(SSM* ssm, int p, int k, double* u, double* e, double* vec_k, double* mat_k1,
@@ -21,10 +22,8 @@ void SSM_constrain(SSM* ssm, int p, int k, double* u, double* e, double* vec_k, 
     for (int i = 0; i < p; ++i) column[i] *= vec_k[j];
   }
   // F <- V' F V, exp <- V' exp.
-  dgemm_("N", "N", &k, &k, &k, &Matrix_DOUBLE_ONE, mat_k1, &k, ssm->F, &k, &Matrix_DOUBLE_ZERO,
-         svd_work, &k);
-  dgemm_("N", "T", &k, &k, &k, &Matrix_DOUBLE_ONE, svd_work, &k, mat_k1, &k, &Matrix_DOUBLE_ZERO,
-         ssm->F, &k);
+  Small_gemm('N', 'N', k, 1.0, mat_k1, ssm->F, 0.0, svd_work);
+  Small_gemm('N', 'T', k, 1.0, svd_work, mat_k1, 0.0, ssm->F);
   dgemv_("N", &k, &k, &Matrix_DOUBLE_ONE, mat_k1, &k, ssm->exp, &Matrix_INT_ONE,
          &Matrix_DOUBLE_ZERO, svd_work, &Matrix_INT_ONE);
   Matrix_copy(ssm->exp, svd_work, k, 1);
