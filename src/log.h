@@ -8,3 +8,8 @@ extern std::FILE* TARN_ERR;
 
 // Prints a formatted message on TARN_ERR and ends the process with status 1.
 [[noreturn]] void tarn_fatal(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// Called by tarn_fatal, after the message, in place of the exit when set. A
+// fuzz driver sets it to throw, so that one input's fatal error does not end
+// the whole run. The hook must not return.
+extern void (*tarn_fatal_hook)();

@@ -15,6 +15,10 @@
 
 namespace {
 
+// Every replicate keeps a slot for each time point up to the largest label,
+// and the filter a state for each: a larger grid cannot be worked on.
+constexpr int kMaxTimeLabel = 10000000;
+
 bool is_blank(char c) { return c == ' ' || c == '\t'; }
 
 // Strips blanks from both ends of [b, e) and returns it as a string.
@@ -157,6 +161,10 @@ struct TableReader {
     }
     for (const int t : time_labels) {
       if (t < 1) tarn_fatal("ERROR: Time label out of range: %d (time labels count from 1).\n", t);
+      if (t > kMaxTimeLabel) {
+        tarn_fatal("ERROR: Time label out of range: %d (at most %d time points).\n", t,
+                   kMaxTimeLabel);
+      }
     }
     for (const int r : replicate_labels) {
       if (r < 0) tarn_fatal("ERROR: Negative replicate label: %d.\n", r);

@@ -21,7 +21,14 @@ class HeapArray {
 };
 
 // Element count of a k x k (or p x k ...) array; negative factors count as 0.
+// A count too large for memory saturates, so that its allocation fails cleanly.
 inline std::size_t array_size(long long a, long long b = 1, long long c = 1, long long d = 1) {
   if (a <= 0 || b <= 0 || c <= 0 || d <= 0) return 0;
-  return static_cast<std::size_t>(a * b * c * d);
+  constexpr long long kLimit = 1LL << 60;
+  long long n = a;
+  for (const long long f : {b, c, d}) {
+    if (n > kLimit / f) return static_cast<std::size_t>(kLimit);
+    n *= f;
+  }
+  return static_cast<std::size_t>(n);
 }
