@@ -6,9 +6,8 @@
 
 void SSMSuffStat_calc(SSMSuffStat* each, const SSMState* state, const SSM* ssm, int p, int k,
                       int T, const int* sample_at_r, const double* Y, const int* const* missing,
-                      double* vec_p, double* mat_pk, double* mat_k3, double* vec_k) {
+                      double* /*vec_p*/, double* /*mat_pk*/, double* mat_k3, double* vec_k) {
   const int kk = k * k;
-  const int pk = p * k;
   const SSMState* s = state;
   SSMSuffStat_set_zero(each, p, k);
   Matrix_copy(each->x0, s->Xs[0], k, 1);
@@ -23,25 +22,30 @@ void SSMSuffStat_calc(SSMSuffStat* each, const SSMState* state, const SSM* ssm, 
     const int col = sample_at_r[t];
     if (col == -1) continue;
     const double* y = Y + static_cast<std::size_t>(col) * static_cast<std::size_t>(p);
-    for (int i = 0; i < p; ++i) vec_p[i] = y[i] * y[i];
-    Matrix_clear(mat_pk, p, k);
-    dger_(&p, &k, &Matrix_DOUBLE_ONE, y, &Matrix_INT_ONE, s->Xs[t + 1], &Matrix_INT_ONE, mat_pk,
+    // yy += y^2 and yx += y Xs[t+1]', straight into the sums. A missing row
+    // adds the 0.0 that Y holds there, and its conditional expectation below.
+    for (int i = 0; i < p; ++i) each->yy[i] += y[i] * y[i];
+    dger_(&p, &k, &Matrix_DOUBLE_ONE, y, &Matrix_INT_ONE, s->Xs[t + 1], &Matrix_INT_ONE, each->yx,
           &p);
     // P(t+1) = Vs[t+1] + Xs[t+1] Xs[t+1]'.
     Matrix_copy(mat_k3, s->Vs[t + 1], k, k);
     dger_(&k, &k, &Matrix_DOUBLE_ONE, s->Xs[t + 1], &Matrix_INT_ONE, s->Xs[t + 1],
           &Matrix_INT_ONE, mat_k3, &k);
-    // Missing rows: the conditional expectations given what is observed.
+    // Missing rows: R[m] + h P h' and h P, the expectations given what is observed.
     for (const int* m = missing[col]; *m != -1; ++m) {
       const double* h = ssm->H + *m;
-      dgemv_("N", &k, &k, &Matrix_DOUBLE_ONE, mat_k3, &k, h, &p, &Matrix_DOUBLE_ZERO, vec_k,
-             &Matrix_INT_ONE);
-      vec_p[*m] = ssm->R[*m] + ddot_(&k, h, &p, vec_k, &Matrix_INT_ONE);
-      dgemv_("N", &k, &k, &Matrix_DOUBLE_ONE, mat_k3, &k, h, &p, &Matrix_DOUBLE_ZERO, mat_pk + *m,
-             &p);
+      for (int i = 0; i < k; ++i) vec_k[i] = 0.0;
+      for (int j = 0; j < k; ++j) {
+        const double hj = h[static_cast<std::size_t>(j) * p];
+        const double* column = mat_k3 + static_cast<std::size_t>(j) * k;
+        for (int i = 0; i < k; ++i) vec_k[i] += hj * column[i];
+      }
+      double hPh = 0.0;
+      for (int j = 0; j < k; ++j) hPh += h[static_cast<std::size_t>(j) * p] * vec_k[j];
+      each->yy[*m] += ssm->R[*m] + hPh;
+      double* yx_row = each->yx + *m;
+      for (int j = 0; j < k; ++j) yx_row[static_cast<std::size_t>(j) * p] += vec_k[j];
     }
-    daxpy_(&p, &Matrix_DOUBLE_ONE, vec_p, &Matrix_INT_ONE, each->yy, &Matrix_INT_ONE);
-    daxpy_(&pk, &Matrix_DOUBLE_ONE, mat_pk, &Matrix_INT_ONE, each->yx, &Matrix_INT_ONE);
     daxpy_(&kk, &Matrix_DOUBLE_ONE, mat_k3, &Matrix_INT_ONE, each->xx_obs, &Matrix_INT_ONE);
   }
 }

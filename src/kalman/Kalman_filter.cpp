@@ -35,9 +35,9 @@ void predict(const SSM* ssm, SSMState* s, int k, int i, SSMWork* w) {
 }
 
 // -0.5 (e' S^-1 e + log det S + n log 2 pi), evaluated without S from the
-// update's e, b, u and B. sum_log_R is the sum of log R over all objects.
-double likelihood_term(const SSM* ssm, int p, int k, const int* missing, double sum_log_R,
-                       double log_2pi, SSMWork* w) {
+// update's e, b, u and B. log_R holds log R of every object, sum_log_R their sum.
+double likelihood_term(const SSM* ssm, int p, int k, const int* missing, const double* log_R,
+                       double sum_log_R, double log_2pi, SSMWork* w) {
   double q = 0.0;
   for (int i = 0; i < p; ++i) q += w->e[i] * w->e[i] / ssm->R[i];
   q -= ddot_(&k, w->b, &Matrix_INT_ONE, w->u, &Matrix_INT_ONE);
@@ -45,7 +45,7 @@ double likelihood_term(const SSM* ssm, int p, int k, const int* missing, double 
   double r = sum_log_R;
   int n_missing = 0;
   for (const int* m = missing; *m != -1; ++m) {
-    r -= std::log(ssm->R[*m]);
+    r -= log_R[*m];
     ++n_missing;
   }
   const double c = static_cast<double>(p - n_missing) * log_2pi;
@@ -105,8 +105,12 @@ double Kalman_filter(const SSM* ssm, SSMState* state, int p, int k, int T, const
   double llh = 0.0;
 
   // Formed once per call; each observed time point subtracts its missing rows.
+  double* log_R = work->vec_p;
   double sum_log_R = 0.0;
-  for (int i = 0; i < p; ++i) sum_log_R += std::log(ssm->R[i]);
+  for (int i = 0; i < p; ++i) {
+    log_R[i] = std::log(ssm->R[i]);
+    sum_log_R += log_R[i];
+  }
   const double log_2pi = std::log(kTwoPi);
 
   for (int i = 0; i < T; ++i) {
@@ -122,7 +126,7 @@ double Kalman_filter(const SSM* ssm, SSMState* state, int p, int k, int T, const
                            work->HtRinvH, work->RinvH, work->e, work->b, work->u, state->Xf[i + 1],
                            state->Vf[i + 1], work->B, y, missing[s], p, k, work->HtRinvH_obs,
                            work->mat_k1, work->mat_k2, work->ipiv);
-    llh += likelihood_term(ssm, p, k, missing[s], sum_log_R, log_2pi, work);
+    llh += likelihood_term(ssm, p, k, missing[s], log_R, sum_log_R, log_2pi, work);
   }
   return llh;
 }
