@@ -5,6 +5,7 @@ packages=(
   g++ cmake ninja-build
   libgtest-dev libgmock-dev libbenchmark-dev
   libopenblas-openmp-dev
+  clang libclang-rt-14-dev libomp-dev
   slurm-wlm munge
 )
 missing=()

@@ -18,6 +18,10 @@ namespace {
 // Every replicate keeps a slot for each time point up to the largest label,
 // and the filter a state for each: a larger grid cannot be worked on.
 constexpr int kMaxTimeLabel = 10000000;
+// The replicate-by-time table of columns holds a slot for every pair: a few
+// hundred replicate labels and one large time label must not make it
+// gigabytes long (512 MiB of ints at most).
+constexpr long long kMaxGridSlots = 1LL << 27;
 
 bool is_blank(char c) { return c == ' ' || c == '\t'; }
 
@@ -183,6 +187,10 @@ struct TableReader {
     const std::size_t n_samples = static_cast<std::size_t>(data->n_samples);
     if (p * n_samples != cells.size()) tarn_fatal("ERROR: Input file broken.\n");
     check_labels();
+    if (static_cast<long long>(distinct_labels.size()) * T > kMaxGridSlots) {
+      tarn_fatal("ERROR: Too many replicates and time points: %d x %d (at most %lld pairs).\n",
+                 data->n_replicates, T, kMaxGridSlots);
+    }
 
     std::unordered_map<int, int> replicate_index;
     for (std::size_t i = 0; i < distinct_labels.size(); ++i) {
@@ -225,21 +233,27 @@ struct TableReader {
 }  // namespace
 
 std::unique_ptr<SSMData> read_file(const char* file_name) {
-  std::FILE* fp = stdin;
+  // A named file is closed also when a fatal error unwinds through the reader
+  // (tarn_fatal_hook); standard input stays open.
+  const auto close_named = [](std::FILE* f) {
+    if (f != stdin) std::fclose(f);
+  };
+  std::unique_ptr<std::FILE, decltype(close_named)> fp(stdin, close_named);
   if (file_name == nullptr) {
     std::fprintf(TARN_ERR, "Reading input data from the standard input.\n");
   } else {
     std::fprintf(TARN_ERR, "Reading input data file: %s\n", file_name);
-    fp = std::fopen(file_name, "r");
-    if (fp == nullptr) tarn_fatal("ERROR: Cannot open file: %s\n", file_name);
+    std::FILE* named = std::fopen(file_name, "r");
+    if (named == nullptr) tarn_fatal("ERROR: Cannot open file: %s\n", file_name);
+    fp.reset(named);
   }
   TableReader reader;
   std::string text;
-  while (Str_readline(fp, text) == 0) {
+  while (Str_readline(fp.get(), text) == 0) {
     ++reader.line_no;
     reader.line(text);
   }
-  if (fp != stdin) std::fclose(fp);
+  fp.reset();
   return reader.finish();
 }
 

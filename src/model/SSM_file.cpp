@@ -1,11 +1,13 @@
 #include "model/SSM_file.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
 #include "data/Str_readline.h"
 #include "data/convert.h"
 #include "log.h"
+#include "math/HeapArray.h"
 #include "math/Matrix.h"
 
 void SSM_write_fp(const SSM* ssm, int p, int k, std::FILE* fp) {
@@ -19,6 +21,11 @@ void SSM_write_fp(const SSM* ssm, int p, int k, std::FILE* fp) {
 }
 
 namespace {
+
+// The most elements a matrix of the model may have (128 MiB of doubles). Every
+// one is filled even from a truncated file, and the filter works on k x k
+// matrices at every time point: a larger model cannot be worked on.
+constexpr long long kMaxModelElements = 1LL << 24;
 
 [[noreturn]] void fail_parameters() { tarn_fatal("ERROR: Failed to read the SSM parameters.\n"); }
 
@@ -43,6 +50,11 @@ std::unique_ptr<SSM> SSM_read_fp(std::FILE* fp, int* p_out, int* k_out) {
   if (tab == nullptr) fail_parameters();
   const int k = tarn_atoi(tab + 1);
   if (p < 0 || k < 0) fail_parameters();
+  if (array_size(p, std::max(k, 1)) > kMaxModelElements || array_size(k, k) > kMaxModelElements) {
+    tarn_fatal("ERROR: SSM dimensions too large: p = %d, dim = %d (at most %lld elements in a "
+               "matrix).\n",
+               p, k, kMaxModelElements);
+  }
   Str_readline(fp, line);
 
   auto ssm = SSM_new(p, k);
