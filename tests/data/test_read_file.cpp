@@ -14,23 +14,12 @@
 #include "data/Str_readline.h"
 #include "log.h"
 #include "run_binary.h"
+#include "text_stream.h"
 
 namespace {
 
-std::FILE* stream_of(const std::string& bytes) {
-  std::FILE* fp = std::tmpfile();
-  std::fwrite(bytes.data(), 1, bytes.size(), fp);
-  std::rewind(fp);
-  return fp;
-}
-
-std::string drain(std::FILE* fp) {
-  std::rewind(fp);
-  std::string text;
-  for (int c = std::fgetc(fp); c != EOF; c = std::fgetc(fp)) text += static_cast<char>(c);
-  std::fclose(fp);
-  return text;
-}
+using tarn_test::stream_of;
+const auto drain = tarn_test::text_of;
 
 // All lines Str_readline delivers, and what the buffer holds once it reports the end.
 std::vector<std::string> lines_of(const std::string& bytes, std::string* after_end = nullptr) {

@@ -13,22 +13,12 @@
 #include "data/Str_readline.h"
 #include "math/Matrix.h"
 #include "math/blas.h"
+#include "text_stream.h"
 
 namespace {
 
-std::FILE* stream_of(const std::string& bytes) {
-  std::FILE* fp = std::tmpfile();
-  std::fwrite(bytes.data(), 1, bytes.size(), fp);
-  std::rewind(fp);
-  return fp;
-}
-
-std::string text_of(std::FILE* fp) {
-  std::rewind(fp);
-  std::string text;
-  for (int c; (c = std::fgetc(fp)) != EOF;) text += static_cast<char>(c);
-  return text;
-}
+using tarn_test::stream_of;
+using tarn_test::text_of;
 
 std::vector<double> product(const std::vector<double>& A, const std::vector<double>& B, int n) {
   std::vector<double> C(static_cast<std::size_t>(n) * n, 0.0);
