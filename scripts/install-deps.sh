@@ -7,6 +7,7 @@ packages=(
   libopenblas-openmp-dev
   clang libclang-rt-14-dev libomp-dev
   slurm-wlm munge
+  python3-matplotlib
 )
 missing=()
 for p in "${packages[@]}"; do
