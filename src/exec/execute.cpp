@@ -41,8 +41,8 @@ void finish_task(SetTable* table, const Args* args, const SSMData* data, int sid
                  const SSMResult& result, SSMWork* work, SSMState* state_store) {
   const int k = result.k;
   const int done = ++table->finished[sid];
-  std::fprintf(TARN_ERR, "{%d} set=%d, dim=%d, likelihood=%f, loops=%d, finished=%d\n",
-               thread_num, sid, k, result.llh, result.loops, done);
+  std::fprintf(TARN_ERR, "{%d} set=%d, dim=%d, likelihood=%f, loops=%d, finished=%d\n", thread_num,
+               sid, k, result.llh, result.loops, done);
   update(table, sid, result);
   std::fflush(TARN_ERR);
   if (done != args->iterations) return;

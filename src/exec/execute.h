@@ -12,7 +12,7 @@
 struct SetTable {
   SetTable(std::size_t n_sets, int max_k);
   int max_k;
-  std::vector<double> best;        // per set id 1 .. n; entry 0 unused
+  std::vector<double> best;  // per set id 1 .. n; entry 0 unused
   std::vector<int> finished;
   std::vector<SSMResult> results;  // ssm null while the set holds no model
   std::vector<SSM*> pool;

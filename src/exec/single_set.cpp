@@ -1,5 +1,6 @@
 #include "em/SSM_EM.h"
 #include "exec/modes.h"
+#include "exec/records.h"
 #include "log.h"
 #include "output/ssm_output.h"
 
@@ -25,29 +26,23 @@ void single_set(const Args* args, const SSMData* data) {
   const int q = (args->id - 1) / args->sets;
   const int k = args->dims[q];
   const int set_id = q < args->n_dims ? args->id : 0;
-  std::fprintf(TARN_ERR, "[JobID:%d] SGE Job dispatched. dim=%d, set ID=%d\n", args->id, k,
-               set_id);
+  std::fprintf(TARN_ERR, "[JobID:%d] SGE Job dispatched. dim=%d, set ID=%d\n", args->id, k, set_id);
   std::fflush(TARN_ERR);
   if (k < 1) tarn_fatal("ERROR: State dimension must be 1 or more: %d\n", k);
 
-  const int p = data->p;
-  auto ssm_a = SSM_new(p, k);
-  auto ssm_b = SSM_new(p, k);
-  auto state_store = SSMState_new(k, data->T);
-  auto suff_a = SSMSuffStat_new(p, k);
-  auto suff_b = SSMSuffStat_new(p, k);
-  auto work = SSMWork_new(p, k, data->n_samples, em->constrain_F);
-  if (em->constrain_F != 0) SSM_EM_prepare_constraint(work.get(), k);
+  EstimationRecords rec(data, k, em->constrain_F);
+  SSMWork* work = rec.work.get();
+  if (em->constrain_F != 0) SSM_EM_prepare_constraint(work, k);
 
   std::fprintf(TARN_ERR, "Starting the SSM estimation.\n");
   std::fflush(TARN_ERR);
   SSMResult result =
-      SSM_EM_iterate(em, args->init.get(), args->iterations, data, k, ssm_a.get(), ssm_b.get(),
-                     state_store.get(), suff_a.get(), suff_b.get(), work.get());
+      SSM_EM_iterate(em, args->init.get(), args->iterations, data, k, rec.ssm_a.get(),
+                     rec.ssm_b.get(), rec.state.get(), rec.suff_a.get(), rec.suff_b.get(), work);
   std::fprintf(TARN_ERR, "Finished: dim=%d, likelihood=%f\n", k, result.llh);
   std::fflush(TARN_ERR);
   if (SSM_EM_is_normal(result.llh) && result.monotone != 0) {
-    ssm_output(&result, work.get(), state_store.get(), data, args->prefix, args->suffix,
+    ssm_output(&result, work, rec.state.get(), data, args->prefix, args->suffix,
                set_id % args->sets + 1, args->each, args->state, args->output_option);
   } else {
     std::fprintf(TARN_ERR, "Estimation failed for this set.\n");

@@ -1,11 +1,11 @@
 #include <omp.h>
 
-#include <algorithm>
 #include <vector>
 
 #include "em/SSM_EM.h"
 #include "exec/execute.h"
 #include "exec/modes.h"
+#include "exec/records.h"
 #include "log.h"
 #include "model/SSM_init.h"
 #include "output/ssm_output.h"
@@ -36,24 +36,8 @@ int take_ticket(Tickets* tk, const Args* args, int* k) {
   return sid;
 }
 
-// The records of one thread, made for the largest dim of the job.
-struct ThreadRecords {
-  ThreadRecords(const SSMData* data, int max_k, int constrain_F)
-      : ssm(SSM_new(data->p, max_k)),
-        state(SSMState_new(max_k, data->T)),
-        suff_a(SSMSuffStat_new(data->p, max_k)),
-        suff_b(SSMSuffStat_new(data->p, max_k)),
-        work(SSMWork_new(data->p, max_k, data->n_samples, constrain_F)) {}
-  std::unique_ptr<SSM> ssm;
-  std::unique_ptr<SSMState> state;
-  std::unique_ptr<SSMSuffStat> suff_a;
-  std::unique_ptr<SSMSuffStat> suff_b;
-  std::unique_ptr<SSMWork> work;
-  int prepared_k = -1;
-};
-
 // One task: attempts from fresh random models, retried as in the single mode.
-SSMResult run_task(const Args* args, const SSMData* data, ThreadRecords* rec, int k) {
+SSMResult run_task(const Args* args, const SSMData* data, EstimationRecords* rec, int k) {
   const SSMEMParam* em = args->em.get();
   int fails = 0;
   int tries = -1;
@@ -61,8 +45,8 @@ SSMResult run_task(const Args* args, const SSMData* data, ThreadRecords* rec, in
   for (;;) {
     ++tries;
 #pragma omp critical
-    SSM_init(rec->ssm.get(), args->init.get(), data->p, k, data->Y.data(), data->n_samples);
-    result = SSM_EM_algo(em, rec->ssm.get(), rec->state.get(), rec->suff_a.get(),
+    SSM_init(rec->ssm_a.get(), args->init.get(), data->p, k, data->Y.data(), data->n_samples);
+    result = SSM_EM_algo(em, rec->ssm_a.get(), rec->state.get(), rec->suff_a.get(),
                          rec->suff_b.get(), data, k, rec->work.get());
     if (em->retry >= 0 && em->retry <= tries) break;
     if (SSM_EM_is_normal(result.llh) && result.monotone != 0) break;
@@ -87,8 +71,7 @@ void thread(const Args* args, const SSMData* data) {
   omp_set_num_threads(args->threads);
   SSMData_print_summary(data);
   SSMData_require_samples(data);
-  int max_k = -2147483647;
-  for (int d = 0; d < args->n_dims; ++d) max_k = std::max(max_k, args->dims[d]);
+  const int max_k = max_dimension(args);
   std::fprintf(TARN_ERR, "Max dimemsion = %d\n", max_k);
   std::fprintf(TARN_ERR, "Total single tasks = %d\n", args->iterations * args->sets * args->n_dims);
   std::fflush(TARN_ERR);
@@ -104,7 +87,9 @@ void thread(const Args* args, const SSMData* data) {
 #pragma omp parallel default(shared)
   {
     const int me = omp_get_thread_num();
-    ThreadRecords rec(data, max_k, args->em->constrain_F);
+    // Private records for the largest dim; ssm_a is the working model.
+    EstimationRecords rec(data, max_k, args->em->constrain_F);
+    int prepared_k = -1;
     for (;;) {
       int k = 0;
       int sid = 0;
@@ -114,9 +99,9 @@ void thread(const Args* args, const SSMData* data) {
 #pragma omp flush(tickets)
       }
       if (sid == 0) break;
-      if (args->em->constrain_F != 0 && k != rec.prepared_k) {
+      if (args->em->constrain_F != 0 && k != prepared_k) {
         SSM_EM_prepare_constraint(rec.work.get(), k);
-        rec.prepared_k = k;
+        prepared_k = k;
       }
       SSMResult result = run_task(args, data, &rec, k);
 #pragma omp critical
