@@ -1,5 +1,6 @@
 // One EM pass (E-step and M-step) for k = 4, T = 20, 3 replicates, and where
-// its time goes: filter, smoother, the E-step sums, the M-step.
+// its time goes: filter, smoother, the E-step sums, the M-step. BM_em_pass_T60
+// is the pass in the shape of the speed targets: T = 60, one replicate.
 
 #include <benchmark/benchmark.h>
 
@@ -16,10 +17,10 @@ constexpr int kT = 20;
 constexpr int kReplicates = 3;
 
 struct EmFixture {
-  explicit EmFixture(int p)
-      : data(tarn_bench::make_data(p, kT, kReplicates)),
+  explicit EmFixture(int p, int T = kT, int replicates = kReplicates)
+      : data(tarn_bench::make_data(p, T, replicates)),
         ssm(tarn_bench::make_model(p, kK)),
-        state(SSMState_new(kK, kT)),
+        state(SSMState_new(kK, T)),
         each(SSMSuffStat_new(p, kK)),
         total(SSMSuffStat_new(p, kK)),
         work(SSMWork_new(p, kK, data->n_samples, 1)) {
@@ -50,8 +51,7 @@ struct EmFixture {
   SSMEMParam em;
 };
 
-void BM_em_pass(benchmark::State& st) {
-  EmFixture f(static_cast<int>(st.range(0)));
+void run_em_pass(benchmark::State& st, EmFixture& f) {
   const auto start = tarn_bench::make_model(f.data->p, kK);
   for (auto _ : st) {
     st.PauseTiming();
@@ -62,6 +62,16 @@ void BM_em_pass(benchmark::State& st) {
     SSM_EM_m_step(&f.em, f.ssm.get(), f.total.get(), f.data.get(), kK, f.work.get());
     benchmark::DoNotOptimize(llh);
   }
+}
+
+void BM_em_pass(benchmark::State& st) {
+  EmFixture f(static_cast<int>(st.range(0)));
+  run_em_pass(st, f);
+}
+
+void BM_em_pass_T60(benchmark::State& st) {
+  EmFixture f(static_cast<int>(st.range(0)), 60, 1);
+  run_em_pass(st, f);
 }
 
 void BM_em_filter(benchmark::State& st) {
@@ -102,6 +112,12 @@ void BM_em_m_step(benchmark::State& st) {
 }
 
 BENCHMARK(BM_em_pass)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_em_pass_T60)
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_em_filter)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_em_smoother)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_em_sums)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);

@@ -1,3 +1,4 @@
+#include <array>
 #include <cmath>
 
 #include "kalman/Kalman.h"
@@ -5,42 +6,97 @@
 #include "math/SmallMatrix.h"
 #include "math/blas.h"
 
+// Every step on k x k matrices runs in the kernels of SmallMatrix.h with k
+// fixed at compile time where it can be; the sweeps over the p objects are
+// written out so that one pass does what several library calls would.
+
 namespace {
 
+using small::at;
+using small::dim;
+
 constexpr double kTwoPi = 6.283185307179586;
+
+// Interleaved partial sums of the sweeps over the objects.
+constexpr int kLanes = 4;
 
 // RinvH = R^-1 H, row i of H divided by R[i]; HtRinvH = H' RinvH.
 void prepare_information(const SSM* ssm, int p, int k, SSMWork* w) {
   for (int j = 0; j < k; ++j) {
-    const double* h = ssm->H + static_cast<std::size_t>(j) * p;
-    double* rh = w->RinvH + static_cast<std::size_t>(j) * p;
+    const double* h = ssm->H + at(0, j, p);
+    double* rh = w->RinvH + at(0, j, p);
     for (int i = 0; i < p; ++i) rh[i] = h[i] / ssm->R[i];
   }
   for (int j = 0; j < k; ++j) {
-    dgemv_("T", &p, &k, &Matrix_DOUBLE_ONE, ssm->H, &p, w->RinvH + static_cast<std::size_t>(j) * p,
-           &Matrix_INT_ONE, &Matrix_DOUBLE_ZERO, w->HtRinvH + static_cast<std::size_t>(j) * k,
-           &Matrix_INT_ONE);
+    dgemv_("T", &p, &k, &Matrix_DOUBLE_ONE, ssm->H, &p, w->RinvH + at(0, j, p), &Matrix_INT_ONE,
+           &Matrix_DOUBLE_ZERO, w->HtRinvH + at(0, j, k), &Matrix_INT_ONE);
   }
 }
 
 // Xp[i] = F Xf[i], Vp[i] = (F Vf[i]) F' + diag(Q), and its explicit inverse.
-void predict(const SSM* ssm, SSMState* s, int k, int i, SSMWork* w) {
-  Small_gemm('N', 'N', k, 1.0, ssm->F, s->Vf[i], 0.0, s->FV[i]);
-  dgemv_("N", &k, &k, &Matrix_DOUBLE_ONE, ssm->F, &k, s->Xf[i], &Matrix_INT_ONE,
-         &Matrix_DOUBLE_ZERO, s->Xp[i], &Matrix_INT_ONE);
-  Matrix_set_diag(s->Vp[i], k, ssm->Q, Matrix_DOUBLE_ONE);
-  Small_gemm('N', 'T', k, 1.0, s->FV[i], ssm->F, 1.0, s->Vp[i]);
-  Matrix_copy(s->Vp_inv[i], s->Vp[i], k, k);
-  Matrix_inverse(s->Vp_inv[i], k, w->ipiv, w->work, w->lwork);
+template <int K>
+void predict(const SSM* ssm, SSMState* s, int k_, int i, SSMWork* w) {
+  const int k = dim<K>(k_);
+  small::gemm<K, false, false>(k, 1.0, ssm->F, s->Vf[i], 0.0, s->FV[i]);
+  small::gemv<K>(k, 1.0, ssm->F, s->Xf[i], 1, 0.0, s->Xp[i]);
+  double* Vp = s->Vp[i];
+  for (int c = 0; c < k; ++c) {
+    for (int r = 0; r < k; ++r) Vp[at(r, c, k)] = r == c ? ssm->Q[c] : 0.0;
+  }
+  small::gemm<K, false, true>(k, 1.0, s->FV[i], ssm->F, 1.0, Vp);
+  small::copy(k * k, Vp, s->Vp_inv[i]);
+  small::inverse<K>(k, s->Vp_inv[i], w->ipiv, w->work);
+}
+
+// e = y - H xp, then 0.0 at the missing rows.
+template <int K>
+void innovation(int p, int k_, const double* H, const double* xp, const double* y,
+                const int* missing, double* e) {
+  const int k = dim<K>(k_);
+  for (int i = 0; i < p; ++i) {
+    double v = y[i];
+    for (int j = 0; j < k; ++j) v -= H[at(i, j, p)] * xp[j];
+    e[i] = v;
+  }
+  for (const int* m = missing; *m != -1; ++m) e[*m] = 0.0;
+}
+
+// b = RinvH' e, and returns the sum of e[i]^2 / R[i].
+template <int K>
+double project_innovation(int p, int k_, const double* RinvH, const double* R, const double* e,
+                          double* b) {
+  const int k = dim<K>(k_);
+  std::array<double, kLanes> q{};
+  if constexpr (K == 0) {
+    dgemv_("T", &p, &k, &Matrix_DOUBLE_ONE, RinvH, &p, e, &Matrix_INT_ONE, &Matrix_DOUBLE_ZERO, b,
+           &Matrix_INT_ONE);
+    for (int i = 0; i < p; ++i) q[i % kLanes] += e[i] * e[i] / R[i];
+  } else {
+    std::array<std::array<double, kLanes>, K> lanes{};
+    int i = 0;
+    for (; i + kLanes <= p; i += kLanes) {
+      for (int j = 0; j < K; ++j) {
+        for (int l = 0; l < kLanes; ++l) lanes[j][l] += RinvH[at(i + l, j, p)] * e[i + l];
+      }
+      for (int l = 0; l < kLanes; ++l) q[l] += e[i + l] * e[i + l] / R[i + l];
+    }
+    for (int l = 0; i < p; ++i, ++l) {
+      for (int j = 0; j < K; ++j) lanes[j][l] += RinvH[at(i, j, p)] * e[i];
+      q[l] += e[i] * e[i] / R[i];
+    }
+    for (int j = 0; j < K; ++j) b[j] = (lanes[j][0] + lanes[j][1]) + (lanes[j][2] + lanes[j][3]);
+  }
+  return (q[0] + q[1]) + (q[2] + q[3]);
 }
 
 // -0.5 (e' S^-1 e + log det S + n log 2 pi), evaluated without S from the
-// update's e, b, u and B. log_R holds log R of every object, sum_log_R their sum.
-double likelihood_term(const SSM* ssm, int p, int k, const int* missing, const double* log_R,
+// update's e, b, u and B. e_Rinv_e is the sum of e[i]^2 / R[i]; log_R holds
+// log R of every object, sum_log_R their sum.
+template <int K>
+double likelihood_term(int p, int k_, double e_Rinv_e, const int* missing, const double* log_R,
                        double sum_log_R, double log_2pi, SSMWork* w) {
-  double q = 0.0;
-  for (int i = 0; i < p; ++i) q += w->e[i] * w->e[i] / ssm->R[i];
-  q -= ddot_(&k, w->b, &Matrix_INT_ONE, w->u, &Matrix_INT_ONE);
+  const int k = dim<K>(k_);
+  const double q = e_Rinv_e - small::dot(k, w->b, 1, w->u);
 
   double r = sum_log_R;
   int n_missing = 0;
@@ -50,58 +106,56 @@ double likelihood_term(const SSM* ssm, int p, int k, const int* missing, const d
   }
   const double c = static_cast<double>(p - n_missing) * log_2pi;
 
-  Matrix_copy(w->mat_k2, w->B, k, k);
-  Small_getrf(k, w->mat_k2, w->ipiv);
+  small::copy(k * k, w->B, w->mat_k2);
+  small::getrf<K>(k, w->mat_k2, w->ipiv);
   const double d = Matrix_log_abs_diag(w->mat_k2, k);
   return -0.5 * (q + r + c - d);
 }
 
-}  // namespace
-
-void Kalman_filter_observed(const double* H, const double* R, const double* Xp, const double* Vp,
-                            const double* Vp_inv, const double* HtRinvH, const double* RinvH,
-                            double* e, double* b, double* u, double* Xf, double* Vf, double* B,
-                            const double* y, const int* missing, int p, int k,
-                            double* HtRinvH_obs, double* mat_k1, double* mat_k2, int* ipiv) {
+// The update of Kalman_filter_observed; returns the sum of e[i]^2 / R[i].
+template <int K>
+double update(const double* H, const double* R, const double* Xp, const double* Vp,
+              const double* Vp_inv, const double* HtRinvH, const double* RinvH, double* e,
+              double* b, double* u, double* Xf, double* Vf, double* B, const double* y,
+              const int* missing, int p, int k_, double* A, double* mat_k1, double* mat_k2,
+              int* ipiv) {
+  const int k = dim<K>(k_);
   const int kk = k * k;
-  double* A = HtRinvH_obs;
-  // Innovation e = y - H Xp.
-  Matrix_copy(e, y, p, 1);
-  dgemv_("N", &p, &k, &Matrix_DOUBLE_MINUS_ONE, H, &p, Xp, &Matrix_INT_ONE, &Matrix_DOUBLE_ONE, e,
-         &Matrix_INT_ONE);
+  innovation<K>(p, k, H, Xp, y, missing, e);
   // A = H' R^-1 H over the observed rows: take each missing row out again.
-  Matrix_copy(A, HtRinvH, k, k);
+  small::copy(kk, HtRinvH, A);
   for (const int* m = missing; *m != -1; ++m) {
-    e[*m] = 0.0;
-    const double alpha = -1.0 / R[*m];
-    dger_(&k, &k, &alpha, H + *m, &p, H + *m, &p, A, &k);
+    small::ger<K>(k, -1.0 / R[*m], H + *m, H + *m, A, static_cast<std::size_t>(p));
   }
   // b = H' R^-1 e; the zeros in e remove the missing rows.
-  dgemv_("T", &p, &k, &Matrix_DOUBLE_ONE, RinvH, &p, e, &Matrix_INT_ONE, &Matrix_DOUBLE_ZERO, b,
-         &Matrix_INT_ONE);
+  const double e_Rinv_e = project_innovation<K>(p, k, RinvH, R, e, b);
   // G = Vp^-1 + A; solve G u = b.
-  Matrix_copy(mat_k1, Vp_inv, k, k);
-  daxpy_(&kk, &Matrix_DOUBLE_ONE, A, &Matrix_INT_ONE, mat_k1, &Matrix_INT_ONE);
-  Matrix_copy(mat_k2, mat_k1, k, k);
-  Matrix_copy(u, b, k, 1);
-  Small_getrf(k, mat_k2, ipiv);
-  Small_getrs('N', k, 1, mat_k2, ipiv, u, k);
+  small::copy(kk, Vp_inv, mat_k1);
+  small::axpy(kk, 1.0, A, mat_k1);
+  small::copy(kk, mat_k1, mat_k2);
+  small::copy(k, b, u);
+  small::getrf<K>(k, mat_k2, ipiv);
+  small::getrs1<K, false>(k, mat_k2, ipiv, u);
   // Xf = Xp + u.
-  Matrix_copy(Xf, Xp, k, 1);
-  daxpy_(&k, &Matrix_DOUBLE_ONE, u, &Matrix_INT_ONE, Xf, &Matrix_INT_ONE);
+  small::copy(k, Xp, Xf);
+  small::axpy(k, 1.0, u, Xf);
   // B = I - G^-1 A; Vf = B Vp.
-  Matrix_copy(mat_k1, A, k, k);
-  Small_getrs('N', k, k, mat_k2, ipiv, mat_k1, k);
-  Matrix_set_identity(B, k);
-  daxpy_(&kk, &Matrix_DOUBLE_MINUS_ONE, mat_k1, &Matrix_INT_ONE, B, &Matrix_INT_ONE);
-  Small_gemm('N', 'N', k, 1.0, B, Vp, 0.0, Vf);
+  small::copy(kk, A, mat_k1);
+  small::getrs<K, false>(k, k, mat_k2, ipiv, mat_k1, k);
+  for (int c = 0; c < k; ++c) {
+    for (int r = 0; r < k; ++r) B[at(r, c, k)] = (r == c ? 1.0 : 0.0) - mat_k1[at(r, c, k)];
+  }
+  small::gemm<K, false, false>(k, 1.0, B, Vp, 0.0, Vf);
+  return e_Rinv_e;
 }
 
-double Kalman_filter(const SSM* ssm, SSMState* state, int p, int k, int T, const double* Y,
-                     const int* sample_at, const int* const* missing, SSMWork* work) {
+template <int K>
+double filter(const SSM* ssm, SSMState* state, int p, int k_, int T, const double* Y,
+              const int* sample_at, const int* const* missing, SSMWork* work) {
+  const int k = dim<K>(k_);
   prepare_information(ssm, p, k, work);
-  Matrix_copy(state->Xf[0], ssm->exp, k, 1);
-  Matrix_copy(state->Vf[0], ssm->var, k, k);
+  small::copy(k, ssm->exp, state->Xf[0]);
+  small::copy(k * k, ssm->var, state->Vf[0]);
   double llh = 0.0;
 
   // Formed once per call; each observed time point subtracts its missing rows.
@@ -114,19 +168,40 @@ double Kalman_filter(const SSM* ssm, SSMState* state, int p, int k, int T, const
   const double log_2pi = std::log(kTwoPi);
 
   for (int i = 0; i < T; ++i) {
-    predict(ssm, state, k, i, work);
+    predict<K>(ssm, state, k, i, work);
     const int s = sample_at[i];
     if (s == -1) {
-      Matrix_copy(state->Xf[i + 1], state->Xp[i], k, 1);
-      Matrix_copy(state->Vf[i + 1], state->Vp[i], k, k);
+      small::copy(k, state->Xp[i], state->Xf[i + 1]);
+      small::copy(k * k, state->Vp[i], state->Vf[i + 1]);
       continue;
     }
     const double* y = Y + static_cast<std::size_t>(s) * static_cast<std::size_t>(p);
-    Kalman_filter_observed(ssm->H, ssm->R, state->Xp[i], state->Vp[i], state->Vp_inv[i],
-                           work->HtRinvH, work->RinvH, work->e, work->b, work->u, state->Xf[i + 1],
-                           state->Vf[i + 1], work->B, y, missing[s], p, k, work->HtRinvH_obs,
-                           work->mat_k1, work->mat_k2, work->ipiv);
-    llh += likelihood_term(ssm, p, k, missing[s], log_R, sum_log_R, log_2pi, work);
+    const double e_Rinv_e =
+        update<K>(ssm->H, ssm->R, state->Xp[i], state->Vp[i], state->Vp_inv[i], work->HtRinvH,
+                  work->RinvH, work->e, work->b, work->u, state->Xf[i + 1], state->Vf[i + 1],
+                  work->B, y, missing[s], p, k, work->HtRinvH_obs, work->mat_k1, work->mat_k2,
+                  work->ipiv);
+    llh += likelihood_term<K>(p, k, e_Rinv_e, missing[s], log_R, sum_log_R, log_2pi, work);
   }
   return llh;
+}
+
+}  // namespace
+
+void Kalman_filter_observed(const double* H, const double* R, const double* Xp, const double* Vp,
+                            const double* Vp_inv, const double* HtRinvH, const double* RinvH,
+                            double* e, double* b, double* u, double* Xf, double* Vf, double* B,
+                            const double* y, const int* missing, int p, int k,
+                            double* HtRinvH_obs, double* mat_k1, double* mat_k2, int* ipiv) {
+  small::with_fixed_size(k, [&](auto fixed) {
+    update<decltype(fixed)::value>(H, R, Xp, Vp, Vp_inv, HtRinvH, RinvH, e, b, u, Xf, Vf, B, y,
+                                   missing, p, k, HtRinvH_obs, mat_k1, mat_k2, ipiv);
+  });
+}
+
+double Kalman_filter(const SSM* ssm, SSMState* state, int p, int k, int T, const double* Y,
+                     const int* sample_at, const int* const* missing, SSMWork* work) {
+  return small::with_fixed_size(k, [&](auto fixed) {
+    return filter<decltype(fixed)::value>(ssm, state, p, k, T, Y, sample_at, missing, work);
+  });
 }
