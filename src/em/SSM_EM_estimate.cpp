@@ -4,53 +4,56 @@
 #include "math/SmallMatrix.h"
 #include "math/blas.h"
 
-void SSMSuffStat_calc(SSMSuffStat* each, const SSMState* state, const SSM* ssm, int p, int k,
-                      int T, const int* sample_at_r, const double* Y, const int* const* missing,
-                      double* /*vec_p*/, double* /*mat_pk*/, double* mat_k3, double* vec_k) {
+namespace {
+
+using small::at;
+using small::dim;
+
+// yy += y^2 and yx += y x', one pass over the rows.
+template <int K>
+void add_sample(int p, int k_, const double* __restrict y, const double* __restrict x,
+                double* __restrict yy, double* __restrict yx) {
+  const int k = dim<K>(k_);
+  for (int i = 0; i < p; ++i) {
+    yy[i] += y[i] * y[i];
+    for (int j = 0; j < k; ++j) yx[at(i, j, p)] += y[i] * x[j];
+  }
+}
+
+template <int K>
+void suff_stat(SSMSuffStat* each, const SSMState* s, const SSM* ssm, int p, int k_, int T,
+               const int* sample_at_r, const double* Y, const int* const* missing, double* P,
+               double* vec_k) {
+  const int k = dim<K>(k_);
   const int kk = k * k;
-  const SSMState* s = state;
   SSMSuffStat_set_zero(each, p, k);
-  Matrix_copy(each->x0, s->Xs[0], k, 1);
+  small::copy(k, s->Xs[0], each->x0);
   for (int t = 0; t < T; ++t) {
-    dger_(&k, &k, &Matrix_DOUBLE_ONE, s->Xs[t], &Matrix_INT_ONE, s->Xs[t], &Matrix_INT_ONE,
-          each->xx_prev, &k);
-    daxpy_(&kk, &Matrix_DOUBLE_ONE, s->Vs[t], &Matrix_INT_ONE, each->xx_prev, &Matrix_INT_ONE);
-    dger_(&k, &k, &Matrix_DOUBLE_ONE, s->Xs[t + 1], &Matrix_INT_ONE, s->Xs[t], &Matrix_INT_ONE,
-          each->xx_lag, &k);
-    daxpy_(&kk, &Matrix_DOUBLE_ONE, s->Vlag[t], &Matrix_INT_ONE, each->xx_lag, &Matrix_INT_ONE);
+    small::ger<K>(k, 1.0, s->Xs[t], s->Xs[t], each->xx_prev);
+    small::axpy(kk, 1.0, s->Vs[t], each->xx_prev);
+    small::ger<K>(k, 1.0, s->Xs[t + 1], s->Xs[t], each->xx_lag);
+    small::axpy(kk, 1.0, s->Vlag[t], each->xx_lag);
 
     const int col = sample_at_r[t];
     if (col == -1) continue;
     const double* y = Y + static_cast<std::size_t>(col) * static_cast<std::size_t>(p);
-    // yy += y^2 and yx += y Xs[t+1]', straight into the sums. A missing row
-    // adds the 0.0 that Y holds there, and its conditional expectation below.
-    for (int i = 0; i < p; ++i) each->yy[i] += y[i] * y[i];
-    dger_(&p, &k, &Matrix_DOUBLE_ONE, y, &Matrix_INT_ONE, s->Xs[t + 1], &Matrix_INT_ONE, each->yx,
-          &p);
+    // Straight into the sums: a missing row adds the 0.0 that Y holds there,
+    // and its conditional expectation below.
+    add_sample<K>(p, k, y, s->Xs[t + 1], each->yy, each->yx);
     // P(t+1) = Vs[t+1] + Xs[t+1] Xs[t+1]'.
-    Matrix_copy(mat_k3, s->Vs[t + 1], k, k);
-    dger_(&k, &k, &Matrix_DOUBLE_ONE, s->Xs[t + 1], &Matrix_INT_ONE, s->Xs[t + 1],
-          &Matrix_INT_ONE, mat_k3, &k);
+    small::copy(kk, s->Vs[t + 1], P);
+    small::ger<K>(k, 1.0, s->Xs[t + 1], s->Xs[t + 1], P);
     // Missing rows: R[m] + h P h' and h P, the expectations given what is observed.
     for (const int* m = missing[col]; *m != -1; ++m) {
       const double* h = ssm->H + *m;
-      for (int i = 0; i < k; ++i) vec_k[i] = 0.0;
-      for (int j = 0; j < k; ++j) {
-        const double hj = h[static_cast<std::size_t>(j) * p];
-        const double* column = mat_k3 + static_cast<std::size_t>(j) * k;
-        for (int i = 0; i < k; ++i) vec_k[i] += hj * column[i];
-      }
-      double hPh = 0.0;
-      for (int j = 0; j < k; ++j) hPh += h[static_cast<std::size_t>(j) * p] * vec_k[j];
-      each->yy[*m] += ssm->R[*m] + hPh;
+      small::gemv<K>(k, 1.0, P, h, static_cast<std::size_t>(p), 0.0, vec_k);
+      each->yy[*m] += ssm->R[*m] + small::dot(k, h, static_cast<std::size_t>(p), vec_k);
       double* yx_row = each->yx + *m;
-      for (int j = 0; j < k; ++j) yx_row[static_cast<std::size_t>(j) * p] += vec_k[j];
+      for (int j = 0; j < k; ++j) yx_row[at(0, j, p)] += vec_k[j];
     }
-    daxpy_(&kk, &Matrix_DOUBLE_ONE, mat_k3, &Matrix_INT_ONE, each->xx_obs, &Matrix_INT_ONE);
+    small::axpy(kk, 1.0, P, each->xx_obs);
   }
 }
-
-namespace {
 
 // total += each, field by field in record order.
 void add_suff_stat(SSMSuffStat* total, const SSMSuffStat* each, int p, int k) {
@@ -67,6 +70,15 @@ void add_suff_stat(SSMSuffStat* total, const SSMSuffStat* each, int p, int k) {
 
 }  // namespace
 
+void SSMSuffStat_calc(SSMSuffStat* each, const SSMState* state, const SSM* ssm, int p, int k,
+                      int T, const int* sample_at_r, const double* Y, const int* const* missing,
+                      double* /*vec_p*/, double* /*mat_pk*/, double* mat_k3, double* vec_k) {
+  small::with_fixed_size(k, [&](auto fixed) {
+    suff_stat<decltype(fixed)::value>(each, state, ssm, p, k, T, sample_at_r, Y, missing, mat_k3,
+                                      vec_k);
+  });
+}
+
 double SSM_EM_estimate(const SSM* ssm, SSMState* state, SSMSuffStat* each, SSMSuffStat* total,
                        const SSMData* data, int k, SSMWork* work, double ridge) {
   const int p = data->p;
@@ -78,9 +90,12 @@ double SSM_EM_estimate(const SSM* ssm, SSMState* state, SSMSuffStat* each, SSMSu
     llh += Kalman_filter(ssm, state, p, k, T, data->Y.data(), sample_at_r, data->missing.data(),
                          work);
     Kalman_smoother(state, k, T, work->vec_k, work->mat_k1, work->mat_k2);
-    for (int t = 0; t < T; ++t) {
-      Small_gemm('N', 'N', k, 1.0, state->J[t], state->Vs[t + 1], 0.0, state->Vlag[t]);
-    }
+    small::with_fixed_size(k, [&](auto fixed) {
+      for (int t = 0; t < T; ++t) {
+        small::gemm<decltype(fixed)::value, false, false>(k, 1.0, state->J[t], state->Vs[t + 1],
+                                                          0.0, state->Vlag[t]);
+      }
+    });
     SSMSuffStat_calc(each, state, ssm, p, k, T, sample_at_r, data->Y.data(), data->missing.data(),
                      work->vec_p, work->mat_pk, work->mat_k3, work->vec_k);
     add_suff_stat(total, each, p, k);

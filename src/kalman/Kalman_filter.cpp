@@ -50,8 +50,8 @@ void predict(const SSM* ssm, SSMState* s, int k_, int i, SSMWork* w) {
 
 // e = y - H xp, then 0.0 at the missing rows.
 template <int K>
-void innovation(int p, int k_, const double* H, const double* xp, const double* y,
-                const int* missing, double* e) {
+void innovation(int p, int k_, const double* __restrict H, const double* __restrict xp,
+                const double* __restrict y, const int* missing, double* __restrict e) {
   const int k = dim<K>(k_);
   for (int i = 0; i < p; ++i) {
     double v = y[i];
@@ -63,8 +63,9 @@ void innovation(int p, int k_, const double* H, const double* xp, const double* 
 
 // b = RinvH' e, and returns the sum of e[i]^2 / R[i].
 template <int K>
-double project_innovation(int p, int k_, const double* RinvH, const double* R, const double* e,
-                          double* b) {
+double project_innovation(int p, int k_, const double* __restrict RinvH,
+                          const double* __restrict R, const double* __restrict e,
+                          double* __restrict b) {
   const int k = dim<K>(k_);
   std::array<double, kLanes> q{};
   if constexpr (K == 0) {
