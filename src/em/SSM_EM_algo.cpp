@@ -9,18 +9,50 @@
 
 bool SSM_EM_is_normal(double value) { return std::isnormal(value); }
 
+namespace {
+
+using small::at;
+using small::dim;
+
+// X = A B^-1 as SSM_EM_calc_ABinv describes it, with k fixed where it can be.
+template <int K>
+void calc_ABinv(const double* __restrict A, const double* B, double* __restrict X, int rows,
+                int k_, double* tmp, int* ipiv, double* __restrict At) {
+  const int k = dim<K>(k_);
+  small::copy(k * k, B, tmp);
+  small::getrf<K>(k, tmp, ipiv);
+  // Solve B' Z = A' on the transpose of A, then transpose back.
+  for (int i = 0; i < rows; ++i) {
+    for (int j = 0; j < k; ++j) At[at(j, i, k)] = A[at(i, j, rows)];
+  }
+  small::getrs<K, true>(k, rows, tmp, ipiv, At, k);
+  for (int i = 0; i < rows; ++i) {
+    for (int j = 0; j < k; ++j) X[at(i, j, rows)] = At[at(j, i, k)];
+  }
+}
+
+// R[i] = (yy[i] - 2 h yx(i)' + h xx_obs h') / n_samples, h the new row i of H.
+template <int K>
+void update_R(SSM* ssm, const SSMSuffStat* total, int p, int k_, int n_samples, double* vec_k) {
+  const int k = dim<K>(k_);
+  const std::size_t stride = static_cast<std::size_t>(p);
+  const double c = 1.0 / n_samples;
+  for (int i = 0; i < p; ++i) {
+    const double* h = ssm->H + i;
+    const double a = small::dot(k, h, stride, total->yx + i, stride);
+    small::gemv<K>(k, 1.0, total->xx_obs, h, stride, 0.0, vec_k);
+    const double b = small::dot(k, h, stride, vec_k);
+    ssm->R[i] = (total->yy[i] - a - a + b) * c;
+  }
+}
+
+}  // namespace
+
 void SSM_EM_calc_ABinv(const double* A, const double* B, double* X, int rows, int k, double* tmp,
                        int* ipiv, double* At) {
-  Matrix_copy(tmp, B, k, k);
-  Small_getrf(k, tmp, ipiv);
-  // Solve B' Z = A' on the transpose of A, then transpose back.
-  for (int j = 0; j < k; ++j) {
-    dcopy_(&rows, A + static_cast<std::size_t>(j) * rows, &Matrix_INT_ONE, At + j, &k);
-  }
-  Small_getrs('T', k, rows, tmp, ipiv, At, k);
-  for (int i = 0; i < rows; ++i) {
-    dcopy_(&k, At + static_cast<std::size_t>(i) * k, &Matrix_INT_ONE, X + i, &rows);
-  }
+  small::with_fixed_size(k, [&](auto fixed) {
+    calc_ABinv<decltype(fixed)::value>(A, B, X, rows, k, tmp, ipiv, At);
+  });
 }
 
 void SSM_EM_update_constraint_F(const double* xx_lag, const double* xx_prev, const double* /*Q*/,
@@ -45,23 +77,6 @@ void SSM_EM_prepare_constraint(SSMWork* work, int k) {
   for (int i = 0; i < k; ++i) work->Fc_C[static_cast<std::size_t>(i) * (k * k + k + 1)] = 1.0;
 }
 
-namespace {
-
-// R[i] = (yy[i] - 2 h yx(i)' + h xx_obs h') / n_samples, h the new row i of H.
-void update_R(SSM* ssm, const SSMSuffStat* total, int p, int k, int n_samples, double* vec_k) {
-  const double c = 1.0 / n_samples;
-  for (int i = 0; i < p; ++i) {
-    const double* h = ssm->H + i;
-    const double a = ddot_(&k, h, &p, total->yx + i, &p);
-    dgemv_("N", &k, &k, &Matrix_DOUBLE_ONE, total->xx_obs, &k, h, &p, &Matrix_DOUBLE_ZERO, vec_k,
-           &Matrix_INT_ONE);
-    const double b = ddot_(&k, h, &p, vec_k, &Matrix_INT_ONE);
-    ssm->R[i] = (total->yy[i] - a - a + b) * c;
-  }
-}
-
-}  // namespace
-
 void SSM_EM_m_step(const SSMEMParam* em, SSM* ssm, const SSMSuffStat* total, const SSMData* data,
                    int k, SSMWork* work) {
   const int p = data->p;
@@ -80,7 +95,9 @@ void SSM_EM_m_step(const SSMEMParam* em, SSM* ssm, const SSMSuffStat* total, con
                                work->Fc_G, work->Fc_CW, work->Fc_W, work->ipiv, work->work,
                                work->lwork, em->constrain_Fg);
   }
-  update_R(ssm, total, p, k, data->n_samples, work->vec_k);
+  small::with_fixed_size(k, [&](auto fixed) {
+    update_R<decltype(fixed)::value>(ssm, total, p, k, data->n_samples, work->vec_k);
+  });
   if (em->RrI != 0) {
     double sum = 0.0;
     for (int i = 0; i < p; ++i) sum += ssm->R[i];

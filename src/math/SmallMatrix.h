@@ -59,10 +59,11 @@ inline void axpy(int m, double alpha, const double* x, double* y) {
   for (int i = 0; i < m; ++i) y[i] += alpha * x[i];
 }
 
-// x' y, m elements, x read with increment incx.
-inline double dot(int m, const double* x, std::size_t incx, const double* y) {
+// x' y, m elements, read with increments incx and incy.
+inline double dot(int m, const double* x, std::size_t incx, const double* y,
+                  std::size_t incy = 1) {
   double sum = 0.0;
-  for (int i = 0; i < m; ++i) sum += x[i * incx] * y[i];
+  for (int i = 0; i < m; ++i) sum += x[i * incx] * y[i * incy];
   return sum;
 }
 
