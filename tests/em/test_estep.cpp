@@ -74,7 +74,7 @@ double estimate(const SSM* ssm, Records& rec, const SSMData& data, int k, double
 
 TEST(EStep, SumsAgreeWithTextbookSmoother) {
   std::mt19937_64 rng(2024);
-  for (int k : {1, 3}) {
+  for (int k : {1, 3, 9}) {
     for (int p : {2, 7}) {
       SCOPED_TRACE(testing::Message() << "k=" << k << " p=" << p);
       const Model m = random_model(p, k, rng);

@@ -37,7 +37,7 @@ TEST(MStep, OnePassMatchesClosedForm) {
   };
   const Case cases[] = {{1, 0, 0, 0.0}, {0, 1, 0, 0.0}, {1, 0, 1, 0.8}, {1, 1, 1, -0.35}};
   std::mt19937_64 rng(11);
-  for (const auto& [p, k] : {std::pair{6, 3}, std::pair{2, 3}}) {
+  for (const auto& [p, k] : {std::pair{6, 3}, std::pair{2, 3}, std::pair{11, 9}}) {
     const Model m = random_model(p, k, rng);
     const Data d = random_series(p, 7, 2, rng);
     const auto data = em_test::to_data(d);

@@ -39,7 +39,7 @@ struct Pass {
 
 TEST(KalmanSmoother, AgreesWithTextbookSmootherOnRandomModels) {
   std::mt19937_64 rng(99);
-  for (int k : {1, 2, 5}) {
+  for (int k : {1, 2, 5, 9}) {
     for (int p : {1, 3, 12, 40}) {
       for (int T : {1, 2, 10}) {
         SCOPED_TRACE(testing::Message() << "k=" << k << " p=" << p << " T=" << T);

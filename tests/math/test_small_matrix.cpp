@@ -6,6 +6,7 @@
 #include <random>
 #include <vector>
 
+#include "math/Matrix.h"
 #include "math/SmallMatrix.h"
 #include "math/blas.h"
 
@@ -58,7 +59,7 @@ TEST(SmallMatrix, SolvesAndInverseMatchLapack) {
   std::mt19937 gen(5);
   for (const int n : kSizes) {
     const auto A = random_matrix(n, gen, false);  // general: pivoting matters
-    const int nrhs = 3;
+    const int nrhs = 7;  // one group of four columns side by side and three single ones
     std::vector<double> Bm(static_cast<std::size_t>(n) * nrhs);
     for (auto& b : Bm) b = std::sin(static_cast<double>(&b - Bm.data()));
     std::vector<int> ipiv(static_cast<std::size_t>(n));
@@ -100,6 +101,67 @@ TEST(SmallMatrix, SingularInputsGiveNonFiniteValuesQuietly) {
   std::vector<double> Z(9, 0.0);
   Small_getrf(n, Z.data(), ipiv.data());
   EXPECT_EQ(ipiv, (std::vector<int>{1, 2, 3}));
+}
+
+TEST(SmallMatrix, VectorKernelsWithIncrementsMatchBlas) {
+  std::mt19937 gen(9);
+  for (const int n : kSizes) {
+    const int inc = 3;  // a row of a column-major matrix with three rows
+    const auto A = random_matrix(n, gen, false);
+    const auto X = random_matrix(n * inc, gen, false);  // x = X[0], X[inc], ...
+    auto y = random_matrix(n, gen, false);
+    y.resize(static_cast<std::size_t>(n));
+    auto y_ref = y;
+    const double alpha = -0.75, beta = 0.5;
+    dgemv_("N", &n, &n, &alpha, A.data(), &n, X.data(), &inc, &beta, y_ref.data(),
+           &Matrix_INT_ONE);
+    small::with_fixed_size(n, [&](auto fixed) {
+      small::gemv<decltype(fixed)::value>(n, alpha, A.data(), X.data(), inc, beta, y.data());
+    });
+    expect_close(y, y_ref, 1e-13);
+
+    auto G = A;
+    auto G_ref = A;
+    dger_(&n, &n, &alpha, X.data(), &inc, X.data() + 1, &inc, G_ref.data(), &n);
+    small::with_fixed_size(n, [&](auto fixed) {
+      small::ger<decltype(fixed)::value>(n, alpha, X.data(), X.data() + 1, G.data(), inc);
+    });
+    expect_close(G, G_ref, 1e-13);
+
+    const double d_ref = ddot_(&n, X.data(), &inc, X.data() + 2, &inc);
+    EXPECT_NEAR(small::dot(n, X.data(), inc, X.data() + 2, inc), d_ref,
+                1e-13 * (1.0 + std::fabs(d_ref)));
+  }
+}
+
+// Code fixed at compile time for a size does what the run-time loops do,
+// bit for bit.
+TEST(SmallMatrix, FixedSizesRepeatTheRunTimeLoopsExactly) {
+  std::mt19937 gen(13);
+  constexpr int n = 4;
+  const auto A = random_matrix(n, gen, false);
+  const auto B = random_matrix(n, gen, false);
+  auto C_fixed = random_matrix(n, gen, false);
+  auto C_any = C_fixed;
+  small::gemm<n, false, true>(n, 0.5, A.data(), B.data(), 1.0, C_fixed.data());
+  small::gemm<0, false, true>(n, 0.5, A.data(), B.data(), 1.0, C_any.data());
+  EXPECT_EQ(C_fixed, C_any);
+
+  auto LU_fixed = A;
+  auto LU_any = A;
+  std::vector<int> ipiv_fixed(n), ipiv_any(n);
+  small::getrf<n>(n, LU_fixed.data(), ipiv_fixed.data());
+  small::getrf<0>(n, LU_any.data(), ipiv_any.data());
+  EXPECT_EQ(LU_fixed, LU_any);
+  EXPECT_EQ(ipiv_fixed, ipiv_any);
+
+  const int nrhs = 6;
+  std::vector<double> X_fixed(static_cast<std::size_t>(n) * nrhs);
+  for (auto& x : X_fixed) x = std::cos(static_cast<double>(&x - X_fixed.data()));
+  auto X_any = X_fixed;
+  small::getrs<n, true>(n, nrhs, LU_fixed.data(), ipiv_fixed.data(), X_fixed.data(), n);
+  small::getrs<0, true>(n, nrhs, LU_any.data(), ipiv_any.data(), X_any.data(), n);
+  EXPECT_EQ(X_fixed, X_any);
 }
 
 }  // namespace
