@@ -17,22 +17,20 @@
 namespace tarn_test {
 
 struct RunResult {
-  int status = -1;     // exit status, or -1 when killed by a signal
-  int signal = 0;      // the signal that ended it, if any
-  std::string out;     // standard output
-  std::string err;     // standard error
+  int status = -1;  // exit status, or -1 when killed by a signal
+  int signal = 0;   // the signal that ended it, if any
+  std::string out;  // standard output
+  std::string err;  // standard error
 };
 
 inline std::string read_text(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
   std::stringstream ss;
-  ss << in.rdbuf();
+  ss << std::ifstream(path, std::ios::binary).rdbuf();
   return ss.str();
 }
 
 inline void write_text(const std::filesystem::path& path, const std::string& text) {
-  std::ofstream out(path, std::ios::binary);
-  out << text;
+  std::ofstream(path, std::ios::binary) << text;
 }
 
 // A fresh directory under the system's temporary folder, removed on scope exit.
@@ -56,13 +54,11 @@ class ScratchDir {
 };
 
 // Runs TARNSSM_BIN with args in dir; stdin_text is fed to standard input.
-inline RunResult run_tarnssm(const std::vector<std::string>& args,
-                             const std::filesystem::path& dir,
+// The three streams pass through files in dir that are gone when it returns.
+inline RunResult run_tarnssm(const std::vector<std::string>& args, const std::filesystem::path& dir,
                              const std::string& stdin_text = "") {
-  const auto in_path = dir / ".stdin";
-  const auto out_path = dir / ".stdout";
-  const auto err_path = dir / ".stderr";
-  write_text(in_path, stdin_text);
+  const std::filesystem::path io[3] = {dir / ".stdin", dir / ".stdout", dir / ".stderr"};
+  write_text(io[0], stdin_text);
   std::vector<std::string> words{TARNSSM_BIN};
   words.insert(words.end(), args.begin(), args.end());
   std::vector<char*> argv;
@@ -72,25 +68,17 @@ inline RunResult run_tarnssm(const std::vector<std::string>& args,
   const pid_t pid = fork();
   if (pid == 0) {
     if (chdir(dir.c_str()) != 0) _exit(127);
-    const int in = open(in_path.c_str(), O_RDONLY);
-    const int out = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    dup2(in, 0);
-    dup2(out, 1);
-    dup2(err, 2);
+    for (int fd = 0; fd < 3; ++fd) {
+      dup2(open(io[fd].c_str(), fd == 0 ? O_RDONLY : O_WRONLY | O_CREAT | O_TRUNC, 0644), fd);
+    }
     execv(argv[0], argv.data());
     _exit(127);
   }
   int wstatus = 0;
   waitpid(pid, &wstatus, 0);
-  RunResult r;
-  if (WIFEXITED(wstatus)) r.status = WEXITSTATUS(wstatus);
-  if (WIFSIGNALED(wstatus)) r.signal = WTERMSIG(wstatus);
-  r.out = read_text(out_path);
-  r.err = read_text(err_path);
-  std::filesystem::remove(in_path);
-  std::filesystem::remove(out_path);
-  std::filesystem::remove(err_path);
+  RunResult r{WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1,
+              WIFSIGNALED(wstatus) ? WTERMSIG(wstatus) : 0, read_text(io[1]), read_text(io[2])};
+  for (const auto& p : io) std::filesystem::remove(p);
   return r;
 }
 

@@ -1,153 +1,141 @@
-// The input reader as the real program runs it: exact log text and exit status
-// for good and broken tables. Runs that get past the reader use "-n 0", so that
-// the estimation has no starts and ends at once.
+// Tables and model files that stop the real binary: each run ends with status
+// 1 and an exact log, never a signal. Includes the inputs the fuzz targets in
+// fuzz/ turned up.
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <string>
-#include <vector>
 
 #include "run_binary.h"
 
 namespace {
 
-const char kReading[] = "Reading input data file: in.txt\n";
-
-tarn_test::RunResult run_on(const std::string& table, std::vector<std::string> args = {}) {
-  tarn_test::ScratchDir dir;
-  tarn_test::write_text(dir / "in.txt", table);
-  args.insert(args.end(), {"-n", "0", "in.txt"});
-  return tarn_test::run_tarnssm(args, dir.path());
+std::string columns(int line, int previous, int now) {
+  return "ERROR: Inconsistent number of columns: line " + std::to_string(line) +
+         "\n     :   " + std::to_string(previous) + " (previous) vs " + std::to_string(now) +
+         " (now).\n";
 }
 
-std::string summary(int samples, int objects, int T, int replicates) {
-  return "--- INPUT DATA ---------\n observed samples = " + std::to_string(samples) +
-         "\n objects = " + std::to_string(objects) + "\n time points = " + std::to_string(T) +
-         "\n replicates = " + std::to_string(replicates) + "\n------------------------\n";
+const std::string kShift = "Applying mean shift for the input data set.\n";
+
+// The summary block of a table without objects or samples, and its error.
+std::string empty_data(int samples, int objects, int T, int replicates) {
+  return kShift +
+         "*******************************\n**   Single Execution Mode   **\n"
+         "*******************************\n--- INPUT DATA ---------\n observed samples = " +
+         std::to_string(samples) + "\n objects = " + std::to_string(objects) +
+         "\n time points = " + std::to_string(T) + "\n replicates = " + std::to_string(replicates) +
+         "\n------------------------\nERROR: The input data has no objects or no samples.\n";
+}
+
+std::string too_large(const std::string& dims) {
+  return "ERROR: SSM dimensions too large: " + dims + " (at most 16777216 elements in a matrix).\n";
+}
+
+std::string read_but_inconsistent(int p, int k) {
+  return "  Done. p = " + std::to_string(p) + ", dim = " + std::to_string(k) +
+         ".\nERROR: Number of objects inconsistent.\n     :  input data: 3  vs  input SSM: " +
+         std::to_string(p) + "\n";
 }
 
 }  // namespace
 
-TEST(ReaderCli, BrokenTablesEndWithOneMessageAndStatusOne) {
+TEST(ReaderCli, InputsThatStopTheRun) {
+  enum Via { kFile, kStdin, kModel };
+  // n replicates of one column each, the first at time last_time.
+  const auto wide = [](int n, int last_time) {
+    std::string time = "@time\t" + std::to_string(last_time), replicate = "@replicate\t0";
+    std::string row = "a\t1";
+    for (int r = 1; r < n; ++r) {
+      time += "\t1";
+      replicate.append("\t").append(std::to_string(r));
+      row += "\t1";
+    }
+    return time + "\n" + replicate + "\n" + row + "\n";
+  };
+  std::string row4096 = "1.5";
+  for (int j = 1; j < 4096; ++j) row4096 += j % 2 == 0 ? "\t1.5" : "\t-2";
   const struct {
-    const char* what;
-    std::string table;
-    std::string log;  // everything after the "Reading input data file" line
+    Via via;
+    std::string bytes;
+    std::string log;  // after the line that names the input (and, for a model, its line)
   } cases[] = {
-      {"empty last cell", "@time\t1\t2\na\t1\t\n",
-       "ERROR: Inconsistent number of columns: line 2\n     :   2 (previous) vs 1 (now).\n"},
-      {"row starting with a tab", "@time\t1\t2\n\t1\t2\n",
-       "ERROR: Inconsistent number of columns: line 2\n     :   2 (previous) vs 1 (now).\n"},
-      {"previous is the header's count", "@time\t1\t2\na\t1\t2\nb\t1\t2\t3\nc\t1\n",
-       "ERROR: Inconsistent number of columns: line 3\n     :   2 (previous) vs 3 (now).\n"},
-      {"trailing empty line", "# c\n@time\t1\t2\na\t1\t2\n\n",
-       "ERROR: Inconsistent number of columns: line 4\n     :   2 (previous) vs 0 (now).\n"},
-      {"blank line among the data", "@time\t1\t2\na\t1\t2\n \t \nb\t3\t4\n",
-       "ERROR: Inconsistent number of columns: line 3\n     :   2 (previous) vs 0 (now).\n"},
-      {"empty line after the header", "@time\t1\t2\n\na\t1\t2\n",
-       "ERROR: Inconsistent number of columns: line 2\n     :   2 (previous) vs 0 (now).\n"},
-      {"empty line before the header", "\n@time\t1\t2\na\t1\t2\n",
-       "ERROR: Inconsistent number of columns: line 2\n     :   0 (previous) vs 2 (now).\n"},
-      {"blank before the comment mark", " # note\n@time\t1\t2\t3\na\t1\t2\t3\n",
-       "ERROR: Inconsistent number of columns: line 2\n     :   0 (previous) vs 3 (now).\n"},
-      {"header line in the data", "@time\t1\t2\na\t1\t2\n@replicate\t1\n",
-       "ERROR: Inconsistent number of columns: line 3\n     :   2 (previous) vs 1 (now).\n"},
-      {"NA with comments counted", "# one\n@time\t1\t2\n#three\na\t1\t2\n# five\nb\tNA\t2\n",
-       "ERROR: Unrecognizable character found at line 6\n"},
-      {"text cell", "@time\t1\na\tabc\n", "ERROR: Unrecognizable character found at line 2\n"},
-      {"time and replicate lines differ", "@time\t1\t2\t3\n@replicate\t1\t1\na\t1\t2\t3\n",
+      {kFile, "@time\t1\t2\na\t1\t\n", columns(2, 2, 1)},
+      {kFile, "@time\t1\t2\n\t1\t2\n", columns(2, 2, 1)},
+      {kFile, "@time\t1\t2\na\t1\t2\nb\t1\t2\t3\nc\t1\n", columns(3, 2, 3)},
+      {kFile, "# c\n@time\t1\t2\na\t1\t2\n\n", columns(4, 2, 0)},
+      {kFile, "@time\t1\t2\na\t1\t2\n \t \nb\t3\t4\n", columns(3, 2, 0)},
+      {kFile, "\n@time\t1\t2\na\t1\t2\n", columns(2, 0, 2)},
+      {kFile, " # note\n@time\t1\t2\t3\na\t1\t2\t3\n", columns(2, 0, 3)},
+      {kFile, "@time\t1\t2\na\t1\t2\n@replicate\t1\n", columns(3, 2, 1)},
+      {kFile, "@time\t1\t2\t3\n@replicate\t1\t1\na\t1\t2\t3\n",
        "ERROR: Inconsistent number of columns: line 2\n"},
-      {"replicate line longer", "#\n@replicate\t1\t1\n@time\t1\na\t1\n",
+      {kFile, "#\n@replicate\t1\t1\n@time\t1\na\t1\n",
        "ERROR: Inconsistent number of columns: line 3\n"},
-      {"header without a tab", "@time\t1\t2\n@replicate\na\t1\t2\n",
-       "ERROR: Header line without a tab: line 2\n"},
-      {"dollar line without a tab in the header", "@time\t1\n$PrimaryKeyGroupID\na\t1\n",
-       "ERROR: Header line without a tab: line 2\n"},
-      {"time label zero", "@time\t1\t0\na\t1\t2\n",
+      {kFile, "# one\n@time\t1\t2\n#three\na\t1\t2\n# five\nb\tNA\t2\n",
+       "ERROR: Unrecognizable character found at line 6\n"},
+      {kFile, "@time\t1\na\tabc\n", "ERROR: Unrecognizable character found at line 2\n"},
+      {kFile, "@time\t1\t2\n@replicate\na\t1\t2\n", "ERROR: Header line without a tab: line 2\n"},
+      {kFile, "@time\t1\n$PrimaryKeyGroupID\na\t1\n", "ERROR: Header line without a tab: line 2\n"},
+      {kFile, "@time\t1\t0\na\t1\t2\n",
        "ERROR: Time label out of range: 0 (time labels count from 1).\n"},
-      {"negative time label", "@time\t-4\t1\na\t1\t2\n",
+      {kFile, "@time\t-4\t1\na\t1\t2\n",
        "ERROR: Time label out of range: -4 (time labels count from 1).\n"},
-      {"negative replicate label", "@time\t1\t2\n@replicate\t1\t-3\na\t1\t2\n",
+      {kFile, "@time\t1\t2\n@replicate\t1\t-3\na\t1\t2\n",
        "ERROR: Negative replicate label: -3.\n"},
+      {kFile, "@time\t1\t2\n",
+       "ERROR: The columns have no replicate labels: the input has a time line but neither a "
+       "replicate line nor data rows.\n"},
+      {kFile, "", empty_data(0, 0, -2147483647, 0)},
+      {kFile, "a\nb\n", empty_data(0, 2, -2147483647, 1)},
+      // Meta-data lines are reported; a "$" line among the headers changes nothing.
+      {kStdin,
+       "$PrimaryKeyGroupID\thour\n$Unknown\tx\n$broken\n@hour\t1\t2\t3\t1\t2\t3\n"
+       "$SecondaryKeyGroupID\tignored\n@replicate\t1\t1\t1\t2\t2\t2\r\n",
+       "  $PrimaryKeyGroupID: \"hour\"\nWARNING: Unsupported meta data key: $Unknown\n"
+       "WARNING: Broken meta data line found. Skip...\n" +
+           empty_data(6, 0, 3, 2)},
+      // 450 replicates and one time label of ten million in a 3.5 kB table:
+      // the replicate-by-time table of columns took 18 GB, all of it written.
+      {kFile, wide(450, 10000000),
+       "ERROR: Too many replicates and time points: 450 x 10000000 (at most 134217728 pairs).\n"},
+      {kFile, wide(17, 8388608),
+       "ERROR: Too many replicates and time points: 17 x 8388608 (at most 134217728 pairs).\n"},
+      // "SM\n-p_1\t23222" declares k = 23222: two k x k arrays of 4.3 GB each
+      // were zero-filled before anything else was looked at. The bound is on
+      // each matrix: k = 4096 is read, one state or object more is not.
+      {kModel, "SM\n-p_1\t23222", too_large("p = 0, dim = 23222")},
+      {kModel, "x\n2147483647\t2147483647\n", too_large("p = 2147483647, dim = 2147483647")},
+      {kModel, "x\n16777217\t0\n", too_large("p = 16777217, dim = 0")},
+      {kModel, "x\n0\t4097\n", too_large("p = 0, dim = 4097")},
+      {kModel, "x\n4097\t4096\n", too_large("p = 4097, dim = 4096")},
+      {kModel, "x\n0\t4096\n\nexp\n" + row4096, read_but_inconsistent(0, 4096)},
+      // A truncated model ending in a long line of tabs: each row after the end
+      // of input converted the whole line again, each empty cell running over
+      // all the tabs behind it, so that a 4 kB file took minutes.
+      {kModel, "x\n2\t3000\n" + std::string(2998, '\t') + "7\t8", read_but_inconsistent(2, 3000)},
   };
   for (const auto& c : cases) {
-    const auto r = run_on(c.table);
-    EXPECT_EQ(r.signal, 0) << c.what;
-    EXPECT_EQ(r.status, 1) << c.what;
-    EXPECT_EQ(tarn_test::after_banner(r.err), kReading + c.log) << c.what;
-  }
-}
-
-TEST(ReaderCli, TimeLineWithoutReplicatesOrRowsIsRefused) {
-  const auto r = run_on("@time\t1\t2\n");
-  EXPECT_EQ(r.signal, 0);
-  EXPECT_EQ(r.status, 1);
-  const std::string log = tarn_test::after_banner(r.err);
-  EXPECT_EQ(log.rfind(std::string(kReading) + "ERROR: The columns have no replicate labels: ", 0), 0u)
-      << log;
-  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 2) << log;
-}
-
-TEST(ReaderCli, FileThatCannotBeOpened) {
-  tarn_test::ScratchDir dir;
-  const auto r = tarn_test::run_tarnssm({"no-such-file.txt"}, dir.path());
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(tarn_test::after_banner(r.err),
-            "Reading input data file: no-such-file.txt\nERROR: Cannot open file: no-such-file.txt\n");
-}
-
-TEST(ReaderCli, TablesWithoutObjectsOrSamplesStopAfterTheSummary) {
-  const struct {
-    std::string table;
-    std::string block;
-  } cases[] = {
-      {"", summary(0, 0, -2147483647, 0)},
-      {"@time\t1\t2\n@replicate\t1\t1\n", summary(2, 0, 2, 1)},
-      {"a\nb\n", summary(0, 2, -2147483647, 1)},
-  };
-  for (const auto& c : cases) {
-    const auto r = run_on(c.table);
+    SCOPED_TRACE(c.bytes.substr(0, 40));
+    tarn_test::ScratchDir dir;
+    std::string log;
+    tarn_test::RunResult r;
+    if (c.via == kModel) {
+      tarn_test::write_text(dir / "in.txt", "@time\t1\t2\na\t0.5\t1\nb\t-1\tNaN\nc\t2\t2.5\n");
+      tarn_test::write_text(dir / "model.txt", c.bytes);
+      r = tarn_test::run_tarnssm({"--ssm", "model.txt", "in.txt"}, dir.path());
+      log = "Reading input data file: in.txt\n" + kShift +
+            "Reading the SSM model parameters from the file: model.txt\n";
+    } else if (c.via == kStdin) {
+      r = tarn_test::run_tarnssm({"-n", "0"}, dir.path(), c.bytes);
+      log = "Reading input data from the standard input.\n";
+    } else {
+      tarn_test::write_text(dir / "in.txt", c.bytes);
+      r = tarn_test::run_tarnssm({"-n", "0", "in.txt"}, dir.path());
+      log = "Reading input data file: in.txt\n";
+    }
     EXPECT_EQ(r.signal, 0);
     EXPECT_EQ(r.status, 1);
-    const std::string tail = c.block + "ERROR: The input data has no objects or no samples.\n";
-    ASSERT_GE(r.err.size(), tail.size());
-    EXPECT_EQ(r.err.substr(r.err.size() - tail.size()), tail) << r.err;
-  }
-}
-
-TEST(ReaderCli, TableFromStandardInput) {
-  tarn_test::ScratchDir dir;
-  const auto r = tarn_test::run_tarnssm(
-      {"-n", "0"}, dir.path(),
-      "$PrimaryKeyGroupID\thour\n$Unknown\tx\n$broken\n@hour\t1\t2\t3\t1\t2\t3\n"
-      "$SecondaryKeyGroupID\tignored\n@replicate\t1\t1\t1\t2\t2\t2\n"
-      "obj1\t0.5\t1.2\tNaN\t0.7\t1.1\t0.9\r\nobj2\t-0.1\t0.0\t0.3\t0.2\tNaN\t0.1");
-  EXPECT_EQ(r.status, 0);
-  const std::string log = tarn_test::after_banner(r.err);
-  EXPECT_EQ(log.rfind("Reading input data from the standard input.\n"
-                      "  $PrimaryKeyGroupID: \"hour\"\n"
-                      "WARNING: Unsupported meta data key: $Unknown\n"
-                      "WARNING: Broken meta data line found. Skip...\n"
-                      "Applying mean shift for the input data set.\n",
-                      0),
-            0u)
-      << log;
-  // The "$" line inside the header changed nothing: two replicates.
-  EXPECT_NE(log.find(summary(6, 2, 3, 2)), std::string::npos) << log;
-}
-
-TEST(ReaderCli, ShiftOptionDecidesTheShiftLine) {
-  const struct {
-    const char* value;
-    bool shifted;
-  } cases[] = {{"0", false}, {"-1", false}, {"1", true}, {"2", true}, {"3", true}};
-  for (const auto& c : cases) {
-    const auto r = run_on("@time\t1\t2\na\t1\t2\n", {"--shift", c.value});
-    EXPECT_EQ(r.status, 0) << c.value;
-    const std::string log = tarn_test::after_banner(r.err);
-    const std::string line = "Applying mean shift for the input data set.\n";
-    EXPECT_EQ(log.find(std::string(kReading) + line) == 0, c.shifted) << c.value << "\n" << log;
-    EXPECT_EQ(log.find(line) != std::string::npos, c.shifted) << c.value;
+    EXPECT_EQ(tarn_test::after_banner(r.err), log + c.log);
   }
 }

@@ -1,7 +1,6 @@
 #pragma once
 // Shared pieces of the EM tests: data sets as SSMData, one estimation's
-// records, data drawn from a known model, a plain Gaussian elimination to
-// check the M-step's solves against, and a capture of the log stream.
+// records, data drawn from a known model, and a capture of the log stream.
 
 #include <algorithm>
 #include <cmath>
@@ -14,8 +13,10 @@
 #include <vector>
 
 #include "data/SSMData.h"
+#include "em/SSM_EM.h"
 #include "kalman/dense_reference.h"
 #include "log.h"
+#include "text_stream.h"
 
 namespace em_test {
 
@@ -52,7 +53,15 @@ struct Records {
       : state(SSMState_new(k, T)),
         each(SSMSuffStat_new(p, k)),
         total(SSMSuffStat_new(p, k)),
-        work(SSMWork_new(p, k, 0, constrain_F)) {}
+        work(SSMWork_new(p, k, 0, constrain_F)) {
+    if (constrain_F != 0) SSM_EM_prepare_constraint(work.get(), k);
+  }
+  double estimate(const SSM* ssm, const SSMData& data, int k, double ridge = 0.0) {
+    return SSM_EM_estimate(ssm, state.get(), each.get(), total.get(), &data, k, work.get(), ridge);
+  }
+  SSMResult run(const SSMEMParam& em, SSM* ssm, const SSMData& data, int k) {
+    return SSM_EM_algo(&em, ssm, state.get(), each.get(), total.get(), &data, k, work.get());
+  }
 };
 
 // Fills the observed cells of d (laid out by random_series) with a draw from
@@ -67,37 +76,13 @@ inline void simulate_into(const dense_ref::Model& m, dense_ref::Data& d, std::mt
       for (std::size_t j = 0; j < x.a.size(); ++j) x.a[j] += std::sqrt(m.Q.a[j]) * z(rng);
       const Mat y = dense_ref::mul(m.H, x);
       for (int i = 0; s >= 0 && i < m.p; ++i) {
-        const auto& list = d.lists[static_cast<std::size_t>(s)];
-        const bool missing = std::find(list.begin(), list.end(), i) != list.end();
         d.Y[static_cast<std::size_t>(i + s * m.p)] =
-            missing ? 0.0 : y(i, 0) + std::sqrt(m.R.a[static_cast<std::size_t>(i)]) * z(rng);
+            dense_ref::is_missing(d, s, i)
+                ? 0.0
+                : y(i, 0) + std::sqrt(m.R.a[static_cast<std::size_t>(i)]) * z(rng);
       }
     }
   }
-}
-
-// X = A B^-1 by Gaussian elimination with partial pivoting on B' X' = A'.
-inline Mat solve_right(const Mat& A, const Mat& B) {
-  const int n = B.rows;
-  Mat M = dense_ref::tr(B), X = dense_ref::tr(A);
-  for (int c = 0; c < n; ++c) {
-    int piv = c;
-    for (int r = c + 1; r < n; ++r)
-      if (std::fabs(M(r, c)) > std::fabs(M(piv, c))) piv = r;
-    for (int j = 0; j < n; ++j) std::swap(M(c, j), M(piv, j));
-    for (int j = 0; j < X.cols; ++j) std::swap(X(c, j), X(piv, j));
-    for (int r = c + 1; r < n; ++r) {
-      const double f = M(r, c) / M(c, c);
-      for (int j = c; j < n; ++j) M(r, j) -= f * M(c, j);
-      for (int j = 0; j < X.cols; ++j) X(r, j) -= f * X(c, j);
-    }
-  }
-  for (int c = n - 1; c >= 0; --c)
-    for (int j = 0; j < X.cols; ++j) {
-      for (int l = c + 1; l < n; ++l) X(c, j) -= M(c, l) * X(l, j);
-      X(c, j) /= M(c, c);
-    }
-  return dense_ref::tr(X);
 }
 
 // Points TARN_ERR at a temporary file for the object's lifetime.
@@ -111,11 +96,9 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
   std::vector<std::string> lines() const {
-    std::rewind(fp_);
-    std::string text, line;
-    for (int c = std::fgetc(fp_); c != EOF; c = std::fgetc(fp_)) text += static_cast<char>(c);
     std::vector<std::string> out;
-    for (std::istringstream in(text); std::getline(in, line);) out.push_back(line);
+    std::istringstream in(tarn_test::text_of(fp_));
+    for (std::string line; std::getline(in, line);) out.push_back(line);
     return out;
   }
 

@@ -83,6 +83,7 @@ inline Mat chol_solve(const Mat& L, Mat B) {
   return B;
 }
 
+// Inverse of a symmetric positive definite A.
 inline Mat inverse(const Mat& A) {
   return chol_solve(cholesky(A), identity(A.rows));
 }
@@ -108,11 +109,11 @@ inline Model random_model(int p, int k, std::mt19937_64& rng) {
           fill(p, 1, 0.2, 1.5),
           fill(k, k, -1, 1),
           Mat(k, 1)};
+  std::fill(m.Q.a.begin(), m.Q.a.end(), 1.0);
   double fro = 0.0;
   for (double x : m.F.a) fro += x * x;
   const double scale = std::uniform_real_distribution<double>(0.3, 0.95)(rng) / std::sqrt(fro);
   for (double& x : m.F.a) x *= scale;
-  std::fill(m.Q.a.begin(), m.Q.a.end(), 1.0);
   return m;
 }
 
@@ -172,6 +173,12 @@ inline Data random_series(int p, int T, int n_rep, std::mt19937_64& rng) {
   return d;
 }
 
+// Whether object i is listed as missing in sample s.
+inline bool is_missing(const Data& d, int s, int i) {
+  const auto& list = d.lists[static_cast<std::size_t>(s)];
+  return std::find(list.begin(), list.end(), i) != list.end();
+}
+
 struct Filtered {
   double llh = 0.0;
   std::vector<Mat> Xp, Vp, Xf, Vf;
@@ -189,10 +196,8 @@ inline Filtered filter(const Model& m, const Data& d, int r) {
     f.Vp.push_back(vp);
     const int s = d.sample_at[static_cast<std::size_t>(r)][static_cast<std::size_t>(i)];
     std::vector<int> obs;
-    for (int o = 0; s >= 0 && o < m.p; ++o) {
-      const auto& list = d.lists[static_cast<std::size_t>(s)];
-      if (std::find(list.begin(), list.end(), o) == list.end()) obs.push_back(o);
-    }
+    for (int o = 0; s >= 0 && o < m.p; ++o)
+      if (!is_missing(d, s, o)) obs.push_back(o);
     if (obs.empty()) {
       f.Xf.push_back(xp);
       f.Vf.push_back(vp);

@@ -1,7 +1,7 @@
 #pragma once
 // Reading back what tarnssm wrote: the input table centred per replicate by a
-// reader of our own, the combined state-variable file, labelled result blocks,
-// and a check of state-variable rows against the textbook filter and smoother.
+// reader of our own, the combined state-variable file, a check of its rows
+// against the textbook filter and smoother, and the error lines of a log.
 
 #include <gtest/gtest.h>
 
@@ -42,6 +42,13 @@ inline std::set<std::string> files_in(const std::filesystem::path& dir) {
   std::set<std::string> names;
   for (const auto& e : std::filesystem::directory_iterator(dir)) names.insert(e.path().filename());
   return names;
+}
+
+// Lines of a log that begin with "ERROR: ".
+inline int error_lines(const std::string& log) {
+  int n = 0;
+  for (const std::string& line : split(log, '\n')) n += line.starts_with("ERROR: ") ? 1 : 0;
+  return n;
 }
 
 // A data file whose replicates are labelled 1..n, each object centred over
@@ -100,14 +107,8 @@ inline dense_ref::Model read_model(const std::filesystem::path& path) {
   const auto ssm = SSM_read_fp(fp, &p, &k);
   std::fclose(fp);
   using dense_ref::Mat;
-  return {p,
-          k,
-          Mat(k, 1, ssm->exp),
-          Mat(k, k, ssm->var),
-          Mat(p, k, ssm->H),
-          Mat(p, 1, ssm->R),
-          Mat(k, k, ssm->F),
-          Mat(k, 1, ssm->Q)};
+  return dense_ref::Model(p, k, Mat(k, 1, ssm->exp), Mat(k, k, ssm->var), Mat(p, k, ssm->H),
+                          Mat(p, 1, ssm->R), Mat(k, k, ssm->F), Mat(k, 1, ssm->Q));
 }
 
 // Blocks of a combined state file: blocks[r][label] holds the T rows of
@@ -133,36 +134,6 @@ inline std::vector<std::map<std::string, Rows>> read_state_file(const std::strin
     }
   }
   EXPECT_EQ(line(at), "");
-  return blocks;
-}
-
-// Labelled blocks "label\trows\tcols", rows lines, an empty line, in file order.
-// Each comes back with the shape its header declares: rows of another width
-// are reported and padded, so that callers can index by that shape.
-struct Block {
-  std::string label;
-  int rows = 0, cols = 0;
-  Rows cells;
-};
-
-inline std::vector<Block> read_blocks(const std::string& text) {
-  std::vector<Block> blocks;
-  const auto lines = split(text, '\n');
-  auto line = [&lines](std::size_t i) { return i < lines.size() ? lines[i] : "<end>"; };
-  for (std::size_t at = 0; at + 1 < lines.size();) {
-    const auto head = split(lines[at++], '\t');
-    if (head.size() != 3) {
-      ADD_FAILURE() << "not a block header: " << lines[at - 1];
-      break;
-    }
-    Block& b = blocks.emplace_back(Block{head[0], std::stoi(head[1]), std::stoi(head[2]), {}});
-    for (int i = 0; i < b.rows; ++i) {
-      auto& row = b.cells.emplace_back(split(line(at++), '\t'));
-      EXPECT_EQ(row.size(), static_cast<std::size_t>(b.cols)) << b.label << " row " << i;
-      row.resize(static_cast<std::size_t>(b.cols));
-    }
-    EXPECT_EQ(line(at++), "") << b.label;
-  }
   return blocks;
 }
 
