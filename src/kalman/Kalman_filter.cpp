@@ -46,12 +46,9 @@ void predict(const SSM* ssm, SSMState* s, int k_, int i, SSMWork* w) {
   const int k = dim<K>(k_);
   small::gemm<K, false, false>(k, 1.0, ssm->F, s->Vf[i], 0.0, s->FV[i]);
   small::gemv<K>(k, 1.0, ssm->F, s->Xf[i], 1, 0.0, s->Xp[i]);
-  double* Vp = s->Vp[i];
-  for (int c = 0; c < k; ++c) {
-    for (int r = 0; r < k; ++r) Vp[at(r, c, k)] = r == c ? ssm->Q[c] : 0.0;
-  }
-  small::gemm<K, false, true>(k, 1.0, s->FV[i], ssm->F, 1.0, Vp);
-  small::copy(k * k, Vp, s->Vp_inv[i]);
+  Matrix_set_diag(s->Vp[i], k, ssm->Q, Matrix_DOUBLE_ONE);
+  small::gemm<K, false, true>(k, 1.0, s->FV[i], ssm->F, 1.0, s->Vp[i]);
+  small::copy(k * k, s->Vp[i], s->Vp_inv[i]);
   small::inverse<K>(k, s->Vp_inv[i], w->ipiv, w->work);
 }
 
@@ -156,9 +153,8 @@ double update(const double* H, const double* R, const double* Xp, const double* 
   // B = I - G^-1 A; Vf = B Vp.
   small::copy(kk, A, mat_k1);
   small::getrs<K, false>(k, k, mat_k2, ipiv, mat_k1, k);
-  for (int c = 0; c < k; ++c) {
-    for (int r = 0; r < k; ++r) B[at(r, c, k)] = (r == c ? 1.0 : 0.0) - mat_k1[at(r, c, k)];
-  }
+  Matrix_set_identity(B, k);
+  small::axpy(kk, -1.0, mat_k1, B);
   small::gemm<K, false, false>(k, 1.0, B, Vp, 0.0, Vf);
   return e_Rinv_e;
 }

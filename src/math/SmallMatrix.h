@@ -256,7 +256,4 @@ void inverse(int n_, double* A, int* ipiv, double* work) {
 // loops; trans arguments are 'N' or 'T'.
 void Small_gemm(char trans_a, char trans_b, int n, double alpha, const double* A, const double* B,
                 double beta, double* C);
-void Small_getrf(int n, double* A, int* ipiv);
-void Small_getrs(char trans, int n, int nrhs, const double* LU, const int* ipiv, double* B,
-                 int ldb);
 void Small_inverse(double* A, int n, int* ipiv, double* work);
