@@ -38,8 +38,8 @@ struct EmFixture {
              &Matrix_DOUBLE_ZERO, state->Vlag[t], &k);
     }
     SSMSuffStat_calc(each.get(), state.get(), ssm.get(), data->p, kK, kT, data->sample_at[r],
-                     data->Y.data(), data->missing.data(), work->vec_p, work->mat_pk,
-                     work->mat_k3, work->vec_k);
+                     data->Y.data(), data->missing.data(), work->vec_p, work->mat_pk, work->mat_k3,
+                     work->vec_k);
   }
 
   std::unique_ptr<SSMData> data;

@@ -12,7 +12,8 @@
 #include "version.h"
 
 const char* const ARGS_WITHOUT_KEY = "__ARGS_WITHOUT_KEY__";
-const char* const TARN_RIGHTS_LINE = "  Copyright (C) 2026 The Tarn-SSM developers. All rights reserved.";
+const char* const TARN_RIGHTS_LINE =
+    "  Copyright (C) 2026 The Tarn-SSM developers. All rights reserved.";
 
 std::unique_ptr<SSMInit> SSMInit_new() {
   auto init = std::make_unique<SSMInit>();
@@ -81,7 +82,9 @@ void parse_ranges(char* word, std::vector<int>* values, int* count) {
   }
 }
 
-bool is_lone_dash(const char* w) { return w[0] == '-' && w[1] == '\0'; }
+bool is_lone_dash(const char* w) {
+  return w[0] == '-' && w[1] == '\0';
+}
 
 bool is_key_word(const char* w) {
   return w[0] == '-' && !is_lone_dash(w) && !(w[1] >= '0' && w[1] <= '9');
@@ -194,62 +197,62 @@ void print_help(std::FILE* out) {
   std::fprintf(out, "Tarn SSM  version " TARN_VERSION " (" TARN_BUILD_TIME ")\n%s\n\n",
                TARN_RIGHTS_LINE);
   std::fprintf(out,
-    "Usage:\n"
-    "  [mpirun [mpi options]] tarnssm [options] file\n"
-    "\n"
-    "Options: (default values)\n"
-    "  -d X[-Y:[Z]]  Region of dimensions. X, Y, and Z are integer values. (4)\n"
-    "  -h            Show this help.\n"
-    "  -i N          ID to distinguish concurrent executions. (N=1)\n"
-    "  -l N          Loop limit in the EM algorithm. (N=%d)\n",
+               "Usage:\n"
+               "  [mpirun [mpi options]] tarnssm [options] file\n"
+               "\n"
+               "Options: (default values)\n"
+               "  -d X[-Y:[Z]]  Region of dimensions. X, Y, and Z are integer values. (4)\n"
+               "  -h            Show this help.\n"
+               "  -i N          ID to distinguish concurrent executions. (N=1)\n"
+               "  -l N          Loop limit in the EM algorithm. (N=%d)\n",
                40000);
   std::fprintf(out,
-    "  -L {0|1|2}    Log mode. 0: auto, 1: all, 2: stderr. (0)\n"
-    "  -r N          Random seed. (N=%d)\n",
+               "  -L {0|1|2}    Log mode. 0: auto, 1: all, 2: stderr. (0)\n"
+               "  -r N          Random seed. (N=%d)\n",
                38);
   std::fprintf(out,
-    "  --shift {0|1|2}\n"
-    "                Mean shift mode. \n"
-    "                  0: do nothing, 1: shift for replicates, 2: shift for all. (1)\n"
-    "  --sge         SGE mode. (not specified)\n"
-    "  --ssm file\n"
-    "                Read SSM model file to calculate state variables.\n"
-    "  -s N          Number of models (sets) for one size of dimensions. (N=1)\n"
-    "  --threads N   Number of threads. (1)\n"
-    "  -e STR        Output file name suffix. (STR=\"dat\")\n"
-    "  --each {on|off}\n"
-    "                Output resultant matrices/vectors in separate files. (off)\n"
-    "  -o STR        Output file name prefix. (STR=\"result\")\n"
-    "  --proc-file | -P\n"
-    "                Insert the number of processes to the output file prefix. (not\n"
-    "                 specified)\n"
-    "  --state {on|off}\n"
-    "                Output the estimated state variables. (on)\n"
-    "  -n N          Iterations (num. of inital values) for EM. (N=%d)\n",
+               "  --shift {0|1|2}\n"
+               "                Mean shift mode. \n"
+               "                  0: do nothing, 1: shift for replicates, 2: shift for all. (1)\n"
+               "  --sge         SGE mode. (not specified)\n"
+               "  --ssm file\n"
+               "                Read SSM model file to calculate state variables.\n"
+               "  -s N          Number of models (sets) for one size of dimensions. (N=1)\n"
+               "  --threads N   Number of threads. (1)\n"
+               "  -e STR        Output file name suffix. (STR=\"dat\")\n"
+               "  --each {on|off}\n"
+               "                Output resultant matrices/vectors in separate files. (off)\n"
+               "  -o STR        Output file name prefix. (STR=\"result\")\n"
+               "  --proc-file | -P\n"
+               "                Insert the number of processes to the output file prefix. (not\n"
+               "                 specified)\n"
+               "  --state {on|off}\n"
+               "                Output the estimated state variables. (on)\n"
+               "  -n N          Iterations (num. of inital values) for EM. (N=%d)\n",
                100);
   std::fputs(
-    "  -l N | --em-loop N\n"
-    "                Maximum limit of EM loops to converge. (N=20000)\n"
-    "  --constrain-F {on|off} | -F {on|off}\n"
-    "                Constrain F. (on)\n"
-    "  --constrain-Fg X | -g X\n"
-    "                Strength of contraining F. 0 < X < 1. (X=1.0)\n"
-    "  --update-mu {on|off}\n"
-    "                Update mu_0 or not. (on)\n"
-    "  -c X | --converge X\n"
-    "                Condition of convergence. (X=1.0E-5)\n"
-    "  -R {on|off} | --RrI {on|off}\n"
-    "                Assume R=rI or diagonal. R: system noise. (off)\n"
-    "  --retry N     Maximum retry count. -1 for unlimited retry. (-1)\n"
-    "  --abs-converge {on|off}\n"
-    "                Use absolute convergence condition. (on)\n"
-    "  --ridge X     Ridge. (X=0.0)\n"
-    "  --H-mean X    Mean of H (elementwise Gaussian) (X=0.0)\n"
-    "  --H-SD X      S.D. of H (elementwise Gaussian) (X=1.0)\n"
-    "  --F-max X     Upper bound of F (uniform distribution) (X=1.5)\n"
-    "  --F-min X     Lower bound of F (uniform distribution) (X=-1.5)\n"
-    "  --mu X        Mean mu_0 (diagonal-elementwise Gaussian) (X=0.0)\n"
-    "  --SD X        S.D sd_0 (diagonal-elementwise Gaussian) (X=1.0)\n",
+      "  -l N | --em-loop N\n"
+      "                Maximum limit of EM loops to converge. (N=20000)\n"
+      "  --constrain-F {on|off} | -F {on|off}\n"
+      "                Constrain F. (on)\n"
+      "  --constrain-Fg X | -g X\n"
+      "                Strength of contraining F. 0 < X < 1. (X=1.0)\n"
+      "  --update-mu {on|off}\n"
+      "                Update mu_0 or not. (on)\n"
+      "  -c X | --converge X\n"
+      "                Condition of convergence. (X=1.0E-5)\n"
+      "  -R {on|off} | --RrI {on|off}\n"
+      "                Assume R=rI or diagonal. R: system noise. (off)\n"
+      "  --retry N     Maximum retry count. -1 for unlimited retry. (-1)\n"
+      "  --abs-converge {on|off}\n"
+      "                Use absolute convergence condition. (on)\n"
+      "  --ridge X     Ridge. (X=0.0)\n"
+      "  --H-mean X    Mean of H (elementwise Gaussian) (X=0.0)\n"
+      "  --H-SD X      S.D. of H (elementwise Gaussian) (X=1.0)\n"
+      "  --F-max X     Upper bound of F (uniform distribution) (X=1.5)\n"
+      "  --F-min X     Lower bound of F (uniform distribution) (X=-1.5)\n"
+      "  --mu X        Mean mu_0 (diagonal-elementwise Gaussian) (X=0.0)\n"
+      "  --SD X        S.D sd_0 (diagonal-elementwise Gaussian) (X=1.0)\n",
       out);
 }
 

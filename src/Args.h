@@ -68,7 +68,7 @@ std::unique_ptr<SSMInit> SSMInit_new();
 // One row of an option table; a row with a null key ends the table.
 struct ArgOption {
   const char* key;
-  int type;   // 0 int, 1 double, 2 string, 3 string list, 4 flag, 5 on/off, 6 int ranges, 7 function
+  int type;  // 0 int, 1 double, 2 string, 3 string list, 4 flag, 5 on/off, 6 int ranges, 7 function
   void* dest;  // int*, double*, const char**, std::vector<char*>*, std::vector<int>*
   int* aux;    // count of a string list or of int ranges
   void (*func)();

@@ -27,7 +27,9 @@ double since_start(const Timer* timer) {
 
 }  // namespace
 
-Timer Timer_new() { return Timer{{0, 0}, 0, 0.0, 0, 0}; }
+Timer Timer_new() {
+  return Timer{{0, 0}, 0, 0.0, 0, 0};
+}
 
 void Timer_start(Timer* timer) {
   timer->elapsed = 0.0;

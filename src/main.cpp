@@ -14,8 +14,8 @@
 #include "exec/modes.h"
 #include "kalman/apply_Kalman.h"
 #include "log.h"
-#include "math/blas.h"
 #include "math/RandomStream.h"
+#include "math/blas.h"
 #include "version.h"
 
 namespace {

@@ -23,7 +23,9 @@ constexpr int kMaxTimeLabel = 10000000;
 // gigabytes long (512 MiB of ints at most).
 constexpr long long kMaxGridSlots = 1LL << 27;
 
-bool is_blank(char c) { return c == ' ' || c == '\t'; }
+bool is_blank(char c) {
+  return c == ' ' || c == '\t';
+}
 
 // Strips blanks from both ends of [b, e) and returns it as a string.
 std::string strip(const char* b, const char* e) {

@@ -13,8 +13,8 @@ double SSM_EM_estimate(const SSM* ssm, SSMState* state, SSMSuffStat* each, SSMSu
 
 // The sums of one replicate from its smoothed state, with the conditional
 // expectations of the missing rows.
-void SSMSuffStat_calc(SSMSuffStat* each, const SSMState* state, const SSM* ssm, int p, int k,
-                      int T, const int* sample_at_r, const double* Y, const int* const* missing,
+void SSMSuffStat_calc(SSMSuffStat* each, const SSMState* state, const SSM* ssm, int p, int k, int T,
+                      const int* sample_at_r, const double* Y, const int* const* missing,
                       double* vec_p, double* mat_pk, double* mat_k3, double* vec_k);
 
 // Runs EM on ssm from the model it holds until the likelihood settles, the
@@ -32,16 +32,14 @@ void SSM_EM_calc_ABinv(const double* A, const double* B, double* X, int rows, in
 
 // The update of F with its diagonal held at g.
 void SSM_EM_update_constraint_F(const double* xx_lag, const double* xx_prev, const double* Q,
-                                const double* Fc_C, double* F, int k, double* Fc_G,
-                                double* Fc_CW, double* Fc_W, int* ipiv, double* work, int lwork,
-                                double g);
+                                const double* Fc_C, double* F, int k, double* Fc_G, double* Fc_CW,
+                                double* Fc_W, int* ipiv, double* work, int lwork, double g);
 
 // The iterations estimations of one set, each from a fresh random model,
 // retried while untrustworthy; returns the best by log-likelihood.
 SSMResult SSM_EM_iterate(const SSMEMParam* em, const SSMInit* init, int iterations,
-                         const SSMData* data, int k, SSM* ssm_a, SSM* ssm_b,
-                         SSMState* state_store, SSMSuffStat* suff_a, SSMSuffStat* suff_b,
-                         SSMWork* work);
+                         const SSMData* data, int k, SSM* ssm_a, SSM* ssm_b, SSMState* state_store,
+                         SSMSuffStat* suff_a, SSMSuffStat* suff_b, SSMWork* work);
 
 // Fills the selection matrix of the constraint on F for k: ones at
 // i * (k * k + k + 1).

@@ -7,7 +7,9 @@
 #include "math/SmallMatrix.h"
 #include "math/blas.h"
 
-bool SSM_EM_is_normal(double value) { return std::isnormal(value); }
+bool SSM_EM_is_normal(double value) {
+  return std::isnormal(value);
+}
 
 namespace {
 
@@ -16,8 +18,8 @@ using small::dim;
 
 // X = A B^-1 as SSM_EM_calc_ABinv describes it, with k fixed where it can be.
 template <int K>
-void calc_ABinv(const double* __restrict A, const double* B, double* __restrict X, int rows,
-                int k_, double* tmp, int* ipiv, double* __restrict At) {
+void calc_ABinv(const double* __restrict A, const double* B, double* __restrict X, int rows, int k_,
+                double* tmp, int* ipiv, double* __restrict At) {
   const int k = dim<K>(k_);
   small::copy(k * k, B, tmp);
   small::getrf<K>(k, tmp, ipiv);
@@ -50,15 +52,14 @@ void update_R(SSM* ssm, const SSMSuffStat* total, int p, int k_, int n_samples, 
 
 void SSM_EM_calc_ABinv(const double* A, const double* B, double* X, int rows, int k, double* tmp,
                        int* ipiv, double* At) {
-  small::with_fixed_size(k, [&](auto fixed) {
-    calc_ABinv<decltype(fixed)::value>(A, B, X, rows, k, tmp, ipiv, At);
-  });
+  small::with_fixed_size(
+      k, [&](auto fixed) { calc_ABinv<decltype(fixed)::value>(A, B, X, rows, k, tmp, ipiv, At); });
 }
 
 void SSM_EM_update_constraint_F(const double* xx_lag, const double* xx_prev, const double* /*Q*/,
                                 const double* Fc_C, double* F, int k, double* /*Fc_G*/,
-                                double* Fc_CW, double* /*Fc_W*/, int* ipiv, double* work,
-                                int lwork, double g) {
+                                double* Fc_CW, double* /*Fc_W*/, int* ipiv, double* work, int lwork,
+                                double g) {
   // The plain update, by the explicit inverse of xx_prev.
   Matrix_copy(Fc_CW, xx_prev, k, k);
   Matrix_inverse(Fc_CW, k, ipiv, work, lwork);
@@ -68,8 +69,8 @@ void SSM_EM_update_constraint_F(const double* xx_lag, const double* xx_prev, con
   // k * k is the transpose of the k x (k * k) selection matrix.
   for (int i = 0; i < k; ++i) Fc_CW[i] = g - F[i + i * k];
   const int kk = k * k;
-  dgemv_("N", &kk, &k, &Matrix_DOUBLE_ONE, Fc_C, &kk, Fc_CW, &Matrix_INT_ONE, &Matrix_DOUBLE_ONE,
-         F, &Matrix_INT_ONE);
+  dgemv_("N", &kk, &k, &Matrix_DOUBLE_ONE, Fc_C, &kk, Fc_CW, &Matrix_INT_ONE, &Matrix_DOUBLE_ONE, F,
+         &Matrix_INT_ONE);
 }
 
 void SSM_EM_prepare_constraint(SSMWork* work, int k) {
@@ -85,8 +86,7 @@ void SSM_EM_m_step(const SSMEMParam* em, SSM* ssm, const SSMSuffStat* total, con
     Matrix_copy(ssm->exp, total->x0, k, 1);
     dscal_(&k, &scale, ssm->exp, &Matrix_INT_ONE);
   }
-  SSM_EM_calc_ABinv(total->yx, total->xx_obs, ssm->H, p, k, work->mat_k2, work->ipiv,
-                    work->mat_pk);
+  SSM_EM_calc_ABinv(total->yx, total->xx_obs, ssm->H, p, k, work->mat_k2, work->ipiv, work->mat_pk);
   if (!work->Fc_C) {
     SSM_EM_calc_ABinv(total->xx_lag, total->xx_prev, ssm->F, k, k, work->mat_k2, work->ipiv,
                       work->mat_pk);

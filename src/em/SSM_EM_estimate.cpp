@@ -64,14 +64,13 @@ void add_suff_stat(SSMSuffStat* total, const SSMSuffStat* each, int p, int k) {
   daxpy_(&pk, &Matrix_DOUBLE_ONE, each->yx, &Matrix_INT_ONE, total->yx, &Matrix_INT_ONE);
   daxpy_(&kk, &Matrix_DOUBLE_ONE, each->xx_obs, &Matrix_INT_ONE, total->xx_obs, &Matrix_INT_ONE);
   daxpy_(&kk, &Matrix_DOUBLE_ONE, each->xx_lag, &Matrix_INT_ONE, total->xx_lag, &Matrix_INT_ONE);
-  daxpy_(&kk, &Matrix_DOUBLE_ONE, each->xx_prev, &Matrix_INT_ONE, total->xx_prev,
-         &Matrix_INT_ONE);
+  daxpy_(&kk, &Matrix_DOUBLE_ONE, each->xx_prev, &Matrix_INT_ONE, total->xx_prev, &Matrix_INT_ONE);
 }
 
 }  // namespace
 
-void SSMSuffStat_calc(SSMSuffStat* each, const SSMState* state, const SSM* ssm, int p, int k,
-                      int T, const int* sample_at_r, const double* Y, const int* const* missing,
+void SSMSuffStat_calc(SSMSuffStat* each, const SSMState* state, const SSM* ssm, int p, int k, int T,
+                      const int* sample_at_r, const double* Y, const int* const* missing,
                       double* /*vec_p*/, double* /*mat_pk*/, double* mat_k3, double* vec_k) {
   small::with_fixed_size(k, [&](auto fixed) {
     suff_stat<decltype(fixed)::value>(each, state, ssm, p, k, T, sample_at_r, Y, missing, mat_k3,
@@ -87,8 +86,8 @@ double SSM_EM_estimate(const SSM* ssm, SSMState* state, SSMSuffStat* each, SSMSu
   double llh = 0.0;
   for (int r = 0; r < data->n_replicates; ++r) {
     const int* sample_at_r = data->sample_at[static_cast<std::size_t>(r)];
-    llh += Kalman_filter(ssm, state, p, k, T, data->Y.data(), sample_at_r, data->missing.data(),
-                         work);
+    llh +=
+        Kalman_filter(ssm, state, p, k, T, data->Y.data(), sample_at_r, data->missing.data(), work);
     Kalman_smoother(state, k, T, work->vec_k, work->mat_k1, work->mat_k2);
     small::with_fixed_size(k, [&](auto fixed) {
       for (int t = 0; t < T; ++t) {

@@ -44,9 +44,8 @@ SSMResult estimate_with_retries(const SSMEMParam* em, const SSMInit* init, const
 }  // namespace
 
 SSMResult SSM_EM_iterate(const SSMEMParam* em, const SSMInit* init, int iterations,
-                         const SSMData* data, int k, SSM* ssm_a, SSM* ssm_b,
-                         SSMState* state_store, SSMSuffStat* suff_a, SSMSuffStat* suff_b,
-                         SSMWork* work) {
+                         const SSMData* data, int k, SSM* ssm_a, SSM* ssm_b, SSMState* state_store,
+                         SSMSuffStat* suff_a, SSMSuffStat* suff_b, SSMWork* work) {
   SSM* working = ssm_a;
   SSM* keeper = ssm_b;
   SSMResult best = empty_result();

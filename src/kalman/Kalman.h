@@ -14,10 +14,9 @@ double Kalman_filter(const SSM* ssm, SSMState* state, int p, int k, int T, const
 void Kalman_filter_observed(const double* H, const double* R, const double* Xp, const double* Vp,
                             const double* Vp_inv, const double* HtRinvH, const double* RinvH,
                             double* e, double* b, double* u, double* Xf, double* Vf, double* B,
-                            const double* y, const int* missing, int p, int k,
-                            double* HtRinvH_obs, double* mat_k1, double* mat_k2, int* ipiv);
+                            const double* y, const int* missing, int p, int k, double* HtRinvH_obs,
+                            double* mat_k1, double* mat_k2, int* ipiv);
 
 // Rauch-Tung-Striebel pass after Kalman_filter on the same state: fills J, Xs
 // and Vs. With T >= 1, vec_k is left holding Xs[1] - Xp[0].
-void Kalman_smoother(SSMState* state, int k, int T, double* vec_k, double* mat_k1,
-                     double* mat_k2);
+void Kalman_smoother(SSMState* state, int k, int T, double* vec_k, double* mat_k1, double* mat_k2);

@@ -68,9 +68,8 @@ void innovation(int p, int k_, const double* __restrict H, const double* __restr
 // b = RinvH' e, and returns the sum of e[i]^2 / R[i]. Both sums run in four
 // interleaved partial sums (two pairs of lanes), added pairwise at the end.
 template <int K>
-double project_innovation(int p, int k_, const double* __restrict RinvH,
-                          const double* __restrict R, const double* __restrict e,
-                          double* __restrict b) {
+double project_innovation(int p, int k_, const double* __restrict RinvH, const double* __restrict R,
+                          const double* __restrict e, double* __restrict b) {
   const int k = dim<K>(k_);
   Pair q[2] = {};
   int i = 0;
@@ -186,11 +185,10 @@ double filter(const SSM* ssm, SSMState* state, int p, int k_, int T, const doubl
       continue;
     }
     const double* y = Y + static_cast<std::size_t>(s) * static_cast<std::size_t>(p);
-    const double e_Rinv_e =
-        update<K>(ssm->H, ssm->R, state->Xp[i], state->Vp[i], state->Vp_inv[i], work->HtRinvH,
-                  work->RinvH, work->e, work->b, work->u, state->Xf[i + 1], state->Vf[i + 1],
-                  work->B, y, missing[s], p, k, work->HtRinvH_obs, work->mat_k1, work->mat_k2,
-                  work->ipiv);
+    const double e_Rinv_e = update<K>(ssm->H, ssm->R, state->Xp[i], state->Vp[i], state->Vp_inv[i],
+                                      work->HtRinvH, work->RinvH, work->e, work->b, work->u,
+                                      state->Xf[i + 1], state->Vf[i + 1], work->B, y, missing[s], p,
+                                      k, work->HtRinvH_obs, work->mat_k1, work->mat_k2, work->ipiv);
     llh += likelihood_term<K>(p, k, e_Rinv_e, missing[s], log_R, sum_log_R, log_2pi, work);
   }
   return llh;
@@ -201,8 +199,8 @@ double filter(const SSM* ssm, SSMState* state, int p, int k_, int T, const doubl
 void Kalman_filter_observed(const double* H, const double* R, const double* Xp, const double* Vp,
                             const double* Vp_inv, const double* HtRinvH, const double* RinvH,
                             double* e, double* b, double* u, double* Xf, double* Vf, double* B,
-                            const double* y, const int* missing, int p, int k,
-                            double* HtRinvH_obs, double* mat_k1, double* mat_k2, int* ipiv) {
+                            const double* y, const int* missing, int p, int k, double* HtRinvH_obs,
+                            double* mat_k1, double* mat_k2, int* ipiv) {
   small::with_fixed_size(k, [&](auto fixed) {
     update<decltype(fixed)::value>(H, R, Xp, Vp, Vp_inv, HtRinvH, RinvH, e, b, u, Xf, Vf, B, y,
                                    missing, p, k, HtRinvH_obs, mat_k1, mat_k2, ipiv);

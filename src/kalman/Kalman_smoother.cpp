@@ -31,9 +31,7 @@ void smoother(SSMState* s, int k_, int T, double* vec_k, double* mat_k1, double*
 
 }  // namespace
 
-void Kalman_smoother(SSMState* state, int k, int T, double* vec_k, double* mat_k1,
-                     double* mat_k2) {
-  small::with_fixed_size(k, [&](auto fixed) {
-    smoother<decltype(fixed)::value>(state, k, T, vec_k, mat_k1, mat_k2);
-  });
+void Kalman_smoother(SSMState* state, int k, int T, double* vec_k, double* mat_k1, double* mat_k2) {
+  small::with_fixed_size(
+      k, [&](auto fixed) { smoother<decltype(fixed)::value>(state, k, T, vec_k, mat_k1, mat_k2); });
 }

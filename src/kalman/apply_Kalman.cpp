@@ -20,8 +20,7 @@ std::unique_ptr<SSM> read_model(const char* ssm_file, int* p, int* k) {
 // One filter and smoother sweep over the replicates under the stored model,
 // accumulating w Xs[0] in vec_k. The smoother uses vec_k as its scratch too,
 // so each replicate's sweep leaves Xs[1] - Xp[0] there before the addition.
-void estimate_initial_state(SSM* ssm, int k, const SSMData* data, SSMState* state,
-                            SSMWork* work) {
+void estimate_initial_state(SSM* ssm, int k, const SSMData* data, SSMState* state, SSMWork* work) {
   std::fprintf(TARN_ERR,
                "Applying Kalman filter and smoother for estimating the initial state variable.\n");
   std::fflush(TARN_ERR);

@@ -41,7 +41,8 @@ void Matrix_copy(double* dst, const double* src, int rows, int cols) {
 }
 
 void Matrix_clear(double* A, int rows, int cols) {
-  if (rows > 0 && cols > 0) std::memset(A, 0, sizeof(double) * static_cast<std::size_t>(rows) * cols);
+  if (rows > 0 && cols > 0)
+    std::memset(A, 0, sizeof(double) * static_cast<std::size_t>(rows) * cols);
 }
 
 #pragma GCC diagnostic push

@@ -12,8 +12,13 @@ struct RandomStream {
 };
 
 // Status values of the draws.
-enum { RANDOM_OK = 0, RANDOM_BAD_STREAM = -1, RANDOM_BAD_COUNT = -2, RANDOM_BAD_BUFFER = -3,
-       RANDOM_BAD_PARAMETER = -4 };
+enum {
+  RANDOM_OK = 0,
+  RANDOM_BAD_STREAM = -1,
+  RANDOM_BAD_COUNT = -2,
+  RANDOM_BAD_BUFFER = -3,
+  RANDOM_BAD_PARAMETER = -4
+};
 
 // Creates the stream from a 32-bit seed and stores it in cell. Returns a status.
 int RandomStream_new(std::unique_ptr<RandomStream>* cell, std::uint32_t seed);

@@ -14,5 +14,6 @@ void Small_gemm(char trans_a, char trans_b, int n, double alpha, const double* A
 }
 
 void Small_inverse(double* A, int n, int* ipiv, double* work) {
-  small::with_fixed_size(n, [&](auto fixed) { small::inverse<decltype(fixed)::value>(n, A, ipiv, work); });
+  small::with_fixed_size(
+      n, [&](auto fixed) { small::inverse<decltype(fixed)::value>(n, A, ipiv, work); });
 }

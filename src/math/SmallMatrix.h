@@ -37,15 +37,24 @@ inline std::size_t at(int i, int j, int ld) {
 template <typename Fn>
 decltype(auto) with_fixed_size(int n, Fn&& fn) {
   switch (n) {
-    case 1: return fn(std::integral_constant<int, 1>());
-    case 2: return fn(std::integral_constant<int, 2>());
-    case 3: return fn(std::integral_constant<int, 3>());
-    case 4: return fn(std::integral_constant<int, 4>());
-    case 5: return fn(std::integral_constant<int, 5>());
-    case 6: return fn(std::integral_constant<int, 6>());
-    case 7: return fn(std::integral_constant<int, 7>());
-    case 8: return fn(std::integral_constant<int, 8>());
-    default: return fn(std::integral_constant<int, 0>());
+    case 1:
+      return fn(std::integral_constant<int, 1>());
+    case 2:
+      return fn(std::integral_constant<int, 2>());
+    case 3:
+      return fn(std::integral_constant<int, 3>());
+    case 4:
+      return fn(std::integral_constant<int, 4>());
+    case 5:
+      return fn(std::integral_constant<int, 5>());
+    case 6:
+      return fn(std::integral_constant<int, 6>());
+    case 7:
+      return fn(std::integral_constant<int, 7>());
+    case 8:
+      return fn(std::integral_constant<int, 8>());
+    default:
+      return fn(std::integral_constant<int, 0>());
   }
 }
 
@@ -60,8 +69,7 @@ inline void axpy(int m, double alpha, const double* x, double* y) {
 }
 
 // x' y, m elements, read with increments incx and incy.
-inline double dot(int m, const double* x, std::size_t incx, const double* y,
-                  std::size_t incy = 1) {
+inline double dot(int m, const double* x, std::size_t incx, const double* y, std::size_t incy = 1) {
   double sum = 0.0;
   for (int i = 0; i < m; ++i) sum += x[i * incx] * y[i * incy];
   return sum;

@@ -9,9 +9,9 @@
 extern "C" {
 
 void dgemm_(const char* transa, const char* transb, const int* m, const int* n, const int* k,
-            const double* alpha, const double* a, const int* lda, const double* b,
-            const int* ldb, const double* beta, double* c, const int* ldc,
-            std::size_t transa_len = 1, std::size_t transb_len = 1);
+            const double* alpha, const double* a, const int* lda, const double* b, const int* ldb,
+            const double* beta, double* c, const int* ldc, std::size_t transa_len = 1,
+            std::size_t transb_len = 1);
 void dgemv_(const char* trans, const int* m, const int* n, const double* alpha, const double* a,
             const int* lda, const double* x, const int* incx, const double* beta, double* y,
             const int* incy, std::size_t trans_len = 1);

@@ -61,8 +61,8 @@ int query_gesvd_lwork(int p, int k) {
   const int ldvt = std::max(k, 1);
   const int query = -1;
   int info = 0;
-  dgesvd_("O", "A", &p, &k, &dummy, &lda, &dummy, nullptr, &Matrix_INT_ONE, &dummy, &ldvt,
-          &optimal, &query, &info);
+  dgesvd_("O", "A", &p, &k, &dummy, &lda, &dummy, nullptr, &Matrix_INT_ONE, &dummy, &ldvt, &optimal,
+          &query, &info);
   return static_cast<int>(optimal);
 }
 

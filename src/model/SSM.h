@@ -53,21 +53,21 @@ struct SSMState {
 struct SSMWork {
   HeapArray<double> work;  // DGETRI workspace
   int lwork = 0;
-  HeapArray<int> ipiv;           // k
-  HeapArray<double> RinvH;       // p x k: R^-1 H; also the module matrix D
-  HeapArray<double> b;           // k
-  HeapArray<double> HtRinvH;     // k x k
-  HeapArray<double> HtRinvH_obs; // k x k
-  HeapArray<double> e;           // p: innovation; also sqrt(R) in the canonical form
-  HeapArray<double> u;           // k: state correction; also the vector L
-  HeapArray<double> B;           // k x k: I - G^-1 A
-  HeapArray<double> vec_k;       // k
-  HeapArray<double> mat_k1;      // k x k
-  HeapArray<double> mat_k2;      // k x k
-  HeapArray<double> vec_p;       // p
-  HeapArray<double> mat_pk;      // p x k
-  HeapArray<double> mat_k3;      // k x k
-  HeapArray<double> svd_work;    // max(svd_lwork, p, k, k * k)
+  HeapArray<int> ipiv;            // k
+  HeapArray<double> RinvH;        // p x k: R^-1 H; also the module matrix D
+  HeapArray<double> b;            // k
+  HeapArray<double> HtRinvH;      // k x k
+  HeapArray<double> HtRinvH_obs;  // k x k
+  HeapArray<double> e;            // p: innovation; also sqrt(R) in the canonical form
+  HeapArray<double> u;            // k: state correction; also the vector L
+  HeapArray<double> B;            // k x k: I - G^-1 A
+  HeapArray<double> vec_k;        // k
+  HeapArray<double> mat_k1;       // k x k
+  HeapArray<double> mat_k2;       // k x k
+  HeapArray<double> vec_p;        // p
+  HeapArray<double> mat_pk;       // p x k
+  HeapArray<double> mat_k3;       // k x k
+  HeapArray<double> svd_work;     // max(svd_lwork, p, k, k * k)
   int svd_lwork = 0;
   HeapArray<double> Fc_C;   // k x (k * k), selection of diag(F); null without the constraint
   HeapArray<double> Fc_G;   // unused: the Lagrangian terms feed no result

@@ -27,7 +27,9 @@ namespace {
 // matrices at every time point: a larger model cannot be worked on.
 constexpr long long kMaxModelElements = 1LL << 24;
 
-[[noreturn]] void fail_parameters() { tarn_fatal("ERROR: Failed to read the SSM parameters.\n"); }
+[[noreturn]] void fail_parameters() {
+  tarn_fatal("ERROR: Failed to read the SSM parameters.\n");
+}
 
 // One block: its header and its closing empty line are skipped unread.
 void read_block(std::FILE* fp, std::string& line, double* A, int rows, int cols) {
@@ -51,9 +53,10 @@ std::unique_ptr<SSM> SSM_read_fp(std::FILE* fp, int* p_out, int* k_out) {
   const int k = tarn_atoi(tab + 1);
   if (p < 0 || k < 0) fail_parameters();
   if (array_size(p, std::max(k, 1)) > kMaxModelElements || array_size(k, k) > kMaxModelElements) {
-    tarn_fatal("ERROR: SSM dimensions too large: p = %d, dim = %d (at most %lld elements in a "
-               "matrix).\n",
-               p, k, kMaxModelElements);
+    tarn_fatal(
+        "ERROR: SSM dimensions too large: p = %d, dim = %d (at most %lld elements in a "
+        "matrix).\n",
+        p, k, kMaxModelElements);
   }
   Str_readline(fp, line);
 

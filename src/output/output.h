@@ -7,9 +7,8 @@
 
 // All replicates and quantities in "%s.D%03d.S%03d.K.%s". A file that cannot
 // be opened is only a warning here.
-void Kalman_apply_output(const SSM* ssm, int k, const SSMData* data, SSMState* state,
-                         SSMWork* work, const char* prefix, const char* suffix, int set,
-                         int output_option);
+void Kalman_apply_output(const SSM* ssm, int k, const SSMData* data, SSMState* state, SSMWork* work,
+                         const char* prefix, const char* suffix, int set, int output_option);
 
 // One file per quantity and replicate: "%s.D%03d.S%03d.%s.%d.%s", and the
 // observed data in "%s.%s.%d.%s".

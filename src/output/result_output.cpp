@@ -76,7 +76,7 @@ void SSMResult_output_each(const SSMResult* result, const char* prefix, const ch
     int rows;
     int columns;
   };
-  const Part parts[] = {{"H", ssm->H, p, k}, {"R", ssm->R, p, 1},    {"F", ssm->F, k, k},
+  const Part parts[] = {{"H", ssm->H, p, k},    {"R", ssm->R, p, 1},    {"F", ssm->F, k, k},
                         {"D", result->D, k, p}, {"L", result->L, k, 1}, {"x", ssm->exp, k, 1}};
   for (const Part& part : parts) {
     result_name(name, prefix, k, set, part.label, suffix);

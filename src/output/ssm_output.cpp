@@ -13,8 +13,8 @@ void ssm_output(SSMResult* result, SSMWork* work, SSMState* state_store, const S
       Kalman_apply_output_each(result->ssm, result->k, data, state_store, work, prefix, suffix,
                                set_no, output_option);
     } else {
-      Kalman_apply_output(result->ssm, result->k, data, state_store, work, prefix, suffix,
-                          set_no, output_option);
+      Kalman_apply_output(result->ssm, result->k, data, state_store, work, prefix, suffix, set_no,
+                          output_option);
     }
   }
   if (each != 0) {

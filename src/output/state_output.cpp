@@ -37,8 +37,8 @@ void put_observed_row(std::FILE* fp, const SSMData* data, int r, int t) {
   fputc_unlocked('\n', fp);
 }
 
-void filter_and_smooth(const SSM* ssm, int k, const SSMData* data, SSMState* state,
-                       SSMWork* work, int r) {
+void filter_and_smooth(const SSM* ssm, int k, const SSMData* data, SSMState* state, SSMWork* work,
+                       int r) {
   Kalman_filter(ssm, state, data->p, k, data->T, data->Y.data(),
                 data->sample_at[static_cast<std::size_t>(r)], data->missing.data(), work);
   Kalman_smoother(state, k, data->T, work->vec_k, work->mat_k1, work->mat_k2);
@@ -68,12 +68,10 @@ OutputFile open_or_die(const char* name, bool error_prefix) {
 
 }  // namespace
 
-void Kalman_apply_output(const SSM* ssm, int k, const SSMData* data, SSMState* state,
-                         SSMWork* work, const char* prefix, const char* suffix, int set,
-                         int /*output_option*/) {
+void Kalman_apply_output(const SSM* ssm, int k, const SSMData* data, SSMState* state, SSMWork* work,
+                         const char* prefix, const char* suffix, int set, int /*output_option*/) {
   char name[1024];
-  const int len =
-      std::snprintf(name, sizeof name, "%s.D%03d.S%03d.K.%s", prefix, k, set, suffix);
+  const int len = std::snprintf(name, sizeof name, "%s.D%03d.S%03d.K.%s", prefix, k, set, suffix);
   if (len < 0 || len >= static_cast<int>(sizeof name)) {
     tarn_fatal("ERROR: Output prefix and/or postfix too long.\n");
   }
@@ -93,7 +91,8 @@ void Kalman_apply_output(const SSM* ssm, int k, const SSMData* data, SSMState* s
     std::fprintf(fp, "# REPLICATE %d\n", r + 1);
     filter_and_smooth(ssm, k, data, state, work, r);
     auto x_row = [&](const StateTable& x, int offset) {
-      return [&x, offset, fp, k](int t) { put_row(fp, x[t + offset], k, 1, kStatePrecision, "\t"); };
+      return
+          [&x, offset, fp, k](int t) { put_row(fp, x[t + offset], k, 1, kStatePrecision, "\t"); };
     };
     auto hx_row = [&](const StateTable& x, int offset) {
       return [&x, offset, fp, H, p, k, work](int t) {
@@ -148,8 +147,7 @@ void Kalman_apply_output_each(const SSM* ssm, int k, const SSMData* data, SSMSta
       std::fprintf(TARN_ERR, "%s ...\n", buf);
       std::fflush(TARN_ERR);
     };
-    const double* const* tables[] = {s->Xp.entries(), s->Xf.entries() + 1,
-                                     s->Xs.entries() + 1};
+    const double* const* tables[] = {s->Xp.entries(), s->Xf.entries() + 1, s->Xs.entries() + 1};
     const char* x_labels[] = {"Xp", "Xf", "Xs"};
     const char* y_labels[] = {"Yp", "Yf", "Ys"};
     char name[1024];
