@@ -316,6 +316,7 @@ std::vector<ArgOption> make_arg_set(Args* a, RangeTarget* dims) {
       {"-P", T_FLAG, &a->proc_file, nullptr, nullptr},
       {"--debug", T_INT, &a->debug, nullptr, nullptr},
       {"-h", T_FUNC, nullptr, nullptr, show_help},
+      {"--strict", T_FLAG, &a->strict, nullptr, nullptr},
       {nullptr, 0, nullptr, nullptr, nullptr},
   };
 }

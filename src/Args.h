@@ -58,6 +58,7 @@ struct Args {
   int threads = 1;
   const void* log_by_id = nullptr;
   int output_option = 0;
+  int strict = 0;  // --strict: doubtful readings of the table are errors
 
   std::string prefix_storage;  // owns prefix once -P has rewritten it
 };

@@ -3,6 +3,7 @@
 
 #include <xmmintrin.h>
 
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 #include "Timer.h"
 #include "data/SSMData.h"
 #include "exec/modes.h"
+#include "exec/preflight.h"
 #include "kalman/apply_Kalman.h"
 #include "log.h"
 #include "math/RandomStream.h"
@@ -54,6 +56,13 @@ void run_mode(const Args* args, const SSMData* data) {
   }
 }
 
+// Prints what a check found; false when the run is to end on it.
+bool passes(const Findings& found) {
+  for (const std::string& line : found.lines) std::fputs(line.c_str(), TARN_ERR);
+  std::fflush(TARN_ERR);
+  return !found.failed;
+}
+
 int run(int argc, char** argv) {
   Timer timer = Timer_new();
   Timer_start(&timer);
@@ -66,15 +75,22 @@ int run(int argc, char** argv) {
   const std::int64_t seed_sum = static_cast<std::int64_t>(args->seed) + args->id + args->rank;
   RandomStream_new(args->init->stream.get(), static_cast<std::uint32_t>(seed_sum));
 
+  // The checks of an estimation run only where a set is to be estimated.
+  const bool estimates = !planned_sets(*args).empty();
+  if (estimates && !passes(check_options(*args))) return 1;
+
   std::unique_ptr<SSMData> data;
   if (args->rank == 0) {
-    data = read_file(args->input_file);
+    data = read_file(args->input_file, bytes_per_time_point(*args));
+    if (estimates && !passes(check_table(*args, *data))) return 1;
     if (args->shift > 0) {
       std::fprintf(TARN_ERR, "Applying mean shift for the input data set.\n");
       SSMData_node_mean_shift(data.get(), args->shift == 1 ? 1 : 0);
     }
   }
   if (args->nprocs != 1) tarn_fatal("ERROR: MPI support not enabled.\n");
+  if (!passes(check_memory(*args, *data))) return 1;
+  if (estimates && !passes(check_objects(*args, *data))) return 1;
 
   run_mode(args.get(), data.get());
 
@@ -89,6 +105,9 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   set_flush_to_zero();
+  // A file-size limit makes a write fail, which the writers report, rather
+  // than end the process without a word.
+  std::signal(SIGXFSZ, SIG_IGN);
   // Every BLAS call works on one thread; the thread mode runs calls side by side.
   openblas_set_num_threads(1);
   try {

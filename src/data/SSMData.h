@@ -3,6 +3,7 @@
 // lists of missing rows and the replicate/time map of the columns.
 
 #include <memory>
+#include <string>
 #include <vector>
 
 struct SSMData {
@@ -18,11 +19,24 @@ struct SSMData {
 
   std::vector<int> sample_at_block;
   std::vector<int> missing_block;
+
+  // Where each object came from: its row name and its line in the file.
+  std::vector<std::string> names;
+  std::vector<int> lines;
+  // Cells and labels the reader took in a way the file's author may not have
+  // meant (an empty cell, text after a number, a repeated column...), one
+  // sentence per kind, without the WARNING/ERROR word in front.
+  std::vector<std::string> doubts;
+  // Cells no estimation can work with (infinite, or too large to square), in
+  // one sentence, or empty.
+  std::string unfit_cells;
 };
 
 // Reads the table from the named file, or from standard input for null.
-// Ends the process on malformed input.
-std::unique_ptr<SSMData> read_file(const char* file_name);
+// Ends the process on malformed input, and on a time grid that with
+// bytes_per_time_point more for each time point (the tables of the run's
+// filters) cannot fit in the memory the run may use.
+std::unique_ptr<SSMData> read_file(const char* file_name, double bytes_per_time_point = 0.0);
 
 // Writes the "--- INPUT DATA ---" report to the log.
 void SSMData_print_summary(const SSMData* data);
@@ -33,3 +47,6 @@ void SSMData_require_samples(const SSMData* data);
 // Centres every object: over each replicate (each_replicate = 1) or over all
 // samples (each_replicate = 0). Missing cells are left alone.
 void SSMData_node_mean_shift(SSMData* data, int each_replicate);
+
+// "name (line n)" of object i, for messages.
+std::string SSMData_object_label(const SSMData* data, int i);

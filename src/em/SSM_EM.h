@@ -4,6 +4,7 @@
 
 #include "Args.h"
 #include "data/SSMData.h"
+#include "em/start_guard.h"
 #include "model/SSM.h"
 
 // One E-step: filter and smoother over every replicate, summed into total
@@ -36,10 +37,12 @@ void SSM_EM_update_constraint_F(const double* xx_lag, const double* xx_prev, con
                                 double* Fc_W, int* ipiv, double* work, int lwork, double g);
 
 // The iterations estimations of one set, each from a fresh random model,
-// retried while untrustworthy; returns the best by log-likelihood.
+// retried while untrustworthy; returns the best by log-likelihood. The guard
+// ends the run when a start keeps failing before any start has succeeded.
 SSMResult SSM_EM_iterate(const SSMEMParam* em, const SSMInit* init, int iterations,
                          const SSMData* data, int k, SSM* ssm_a, SSM* ssm_b, SSMState* state_store,
-                         SSMSuffStat* suff_a, SSMSuffStat* suff_b, SSMWork* work);
+                         SSMSuffStat* suff_a, SSMSuffStat* suff_b, SSMWork* work,
+                         StartGuard* guard);
 
 // Fills the selection matrix of the constraint on F for k: ones at
 // i * (k * k + k + 1).

@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "em/SSM_EM.h"
+#include "em/start_guard.h"
 #include "log.h"
 #include "model/SSM_file.h"
 #include "model/SSM_init.h"
@@ -21,7 +22,7 @@ void warn_retry_limit() {
 // or the retry limit lets the last one through.
 SSMResult estimate_with_retries(const SSMEMParam* em, const SSMInit* init, const SSMData* data,
                                 int k, SSM* working, SSMState* state_store, SSMSuffStat* suff_a,
-                                SSMSuffStat* suff_b, SSMWork* work) {
+                                SSMSuffStat* suff_b, SSMWork* work, StartGuard* guard) {
   int count = 0;
   for (;;) {
     SSM_init(working, init, data->p, k, data->Y.data(), data->n_samples);
@@ -32,10 +33,12 @@ SSMResult estimate_with_retries(const SSMEMParam* em, const SSMInit* init, const
       return res;
     }
     if (SSM_EM_is_normal(res.llh) && res.monotone != 0) {
+      guard->note_success();
       if (em->retry != -1 && count >= em->retry) warn_retry_limit();
       return res;
     }
     ++count;
+    if (guard->gives_up(count)) tarn_fatal("%s", StartGuard::message(k).c_str());
     std::fprintf(TARN_ERR, "Estimation failed.  Retrying (%d)...\n", count);
     std::fflush(TARN_ERR);
   }
@@ -45,13 +48,14 @@ SSMResult estimate_with_retries(const SSMEMParam* em, const SSMInit* init, const
 
 SSMResult SSM_EM_iterate(const SSMEMParam* em, const SSMInit* init, int iterations,
                          const SSMData* data, int k, SSM* ssm_a, SSM* ssm_b, SSMState* state_store,
-                         SSMSuffStat* suff_a, SSMSuffStat* suff_b, SSMWork* work) {
+                         SSMSuffStat* suff_a, SSMSuffStat* suff_b, SSMWork* work,
+                         StartGuard* guard) {
   SSM* working = ssm_a;
   SSM* keeper = ssm_b;
   SSMResult best = empty_result();
   for (int n = 0; n < iterations;) {
     const SSMResult res =
-        estimate_with_retries(em, init, data, k, working, state_store, suff_a, suff_b, work);
+        estimate_with_retries(em, init, data, k, working, state_store, suff_a, suff_b, work, guard);
     ++n;
     std::fprintf(TARN_ERR, "%d: Loops=%d, Likelihood=%f\n", n, res.loops, res.llh);
     std::fflush(TARN_ERR);

@@ -19,6 +19,7 @@ void single_one(const Args* args, const SSMData* data) {
   EstimationRecords rec(data, max_k, em->constrain_F);
   SSMWork* work = rec.work.get();
   Timer timer = Timer_new();
+  StartGuard guard(em->retry);
 
   for (int d = 0; d < args->n_dims; ++d) {
     const int k = args->dims[d];
@@ -32,7 +33,7 @@ void single_one(const Args* args, const SSMData* data) {
       Timer_start(&timer);
       SSMResult result = SSM_EM_iterate(em, args->init.get(), args->iterations, data, k,
                                         rec.ssm_a.get(), rec.ssm_b.get(), rec.state.get(),
-                                        rec.suff_a.get(), rec.suff_b.get(), work);
+                                        rec.suff_a.get(), rec.suff_b.get(), work, &guard);
       Timer_stop(&timer);
       std::fprintf(TARN_ERR, "Finished: dim=%d, likelihood=%f\n", k, result.llh);
       const double t = Timer_get(&timer);

@@ -34,11 +34,12 @@ void single_set(const Args* args, const SSMData* data) {
   SSMWork* work = rec.work.get();
   if (em->constrain_F != 0) SSM_EM_prepare_constraint(work, k);
 
+  StartGuard guard(em->retry);
   std::fprintf(TARN_ERR, "Starting the SSM estimation.\n");
   std::fflush(TARN_ERR);
-  SSMResult result =
-      SSM_EM_iterate(em, args->init.get(), args->iterations, data, k, rec.ssm_a.get(),
-                     rec.ssm_b.get(), rec.state.get(), rec.suff_a.get(), rec.suff_b.get(), work);
+  SSMResult result = SSM_EM_iterate(em, args->init.get(), args->iterations, data, k,
+                                    rec.ssm_a.get(), rec.ssm_b.get(), rec.state.get(),
+                                    rec.suff_a.get(), rec.suff_b.get(), work, &guard);
   std::fprintf(TARN_ERR, "Finished: dim=%d, likelihood=%f\n", k, result.llh);
   std::fflush(TARN_ERR);
   if (SSM_EM_is_normal(result.llh) && result.monotone != 0) {

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "em/SSM_EM.h"
+#include "em/start_guard.h"
 #include "exec/execute.h"
 #include "exec/modes.h"
 #include "exec/records.h"
@@ -37,7 +38,8 @@ int take_ticket(Tickets* tk, const Args* args, int* k) {
 }
 
 // One task: attempts from fresh random models, retried as in the single mode.
-SSMResult run_task(const Args* args, const SSMData* data, EstimationRecords* rec, int k) {
+SSMResult run_task(const Args* args, const SSMData* data, EstimationRecords* rec, int k,
+                   StartGuard* guard) {
   const SSMEMParam* em = args->em.get();
   int fails = 0;
   int tries = -1;
@@ -49,8 +51,15 @@ SSMResult run_task(const Args* args, const SSMData* data, EstimationRecords* rec
     result = SSM_EM_algo(em, rec->ssm_a.get(), rec->state.get(), rec->suff_a.get(),
                          rec->suff_b.get(), data, k, rec->work.get());
     if (em->retry >= 0 && em->retry <= tries) break;
-    if (SSM_EM_is_normal(result.llh) && result.monotone != 0) break;
+    if (SSM_EM_is_normal(result.llh) && result.monotone != 0) {
+      guard->note_success();
+      break;
+    }
     fails = tries + 1;
+    if (guard->gives_up(fails)) {
+#pragma omp critical
+      tarn_fatal("%s", StartGuard::message(k).c_str());
+    }
     std::fprintf(TARN_ERR, "Estimation failed.  Retrying (%d)...\n", fails);
     std::fflush(TARN_ERR);
   }
@@ -83,6 +92,7 @@ void thread(const Args* args, const SSMData* data) {
   const std::size_t n = static_cast<std::size_t>(args->n_dims) * args->sets;
   Tickets tickets;
   SetTable table(n, max_k);
+  StartGuard guard(args->em->retry);
 
 #pragma omp parallel default(shared)
   {
@@ -103,7 +113,7 @@ void thread(const Args* args, const SSMData* data) {
         SSM_EM_prepare_constraint(rec.work.get(), k);
         prepared_k = k;
       }
-      SSMResult result = run_task(args, data, &rec, k);
+      SSMResult result = run_task(args, data, &rec, k, &guard);
 #pragma omp critical
       finish_task(&table, args, data, sid, me, result, rec.work.get(), rec.state.get());
     }

@@ -113,6 +113,31 @@ std::unique_ptr<SSMSuffStat> SSMSuffStat_new(int p, int k) {
   return s;
 }
 
+double SSM_bytes(int p, int k) {
+  const double P = p, K = k;
+  return 8.0 * (2.0 * K + 2.0 * K * K + P * K + P);
+}
+
+double SSMState_bytes(int k, int T) {
+  const double K = k, n = T + 1.0;
+  const double per_entry = 3.0 * K + 7.0 * K * K;  // vectors and matrices of the ten tables
+  return 8.0 * (n * per_entry + 10.0 * n);         // and the pointer of each entry
+}
+
+double SSMWork_bytes(int p, int k, int constrain_F) {
+  const double P = p, K = k;
+  // The LAPACK workspaces are bounded generously: 64 k for DGETRI, and
+  // 5 (p + k) + k^2 for DGESVD beside the other k x k and p x k arrays.
+  const double doubles = 64.0 * K + 2.0 * P * K + 10.0 * K * K + 3.0 * P + 6.0 * K + 5.0 * (P + K) +
+                         (constrain_F != 0 ? 2.0 * K * K * K : 0.0);
+  return 8.0 * doubles + 4.0 * K;
+}
+
+double SSMSuffStat_bytes(int p, int k) {
+  const double P = p, K = k;
+  return 8.0 * (K + P + P * K + 3.0 * K * K);
+}
+
 void SSMSuffStat_set_zero(SSMSuffStat* s, int p, int k) {
   Matrix_clear(s->x0, k, 1);
   Matrix_clear(s->yy, p, 1);

@@ -104,5 +104,12 @@ std::unique_ptr<SSMState> SSMState_new(int k, int T);
 std::unique_ptr<SSMWork> SSMWork_new(int p, int k, int n_samples, int constrain_F);
 std::unique_ptr<SSMSuffStat> SSMSuffStat_new(int p, int k);
 
+// Bytes the constructors above take for these dimensions, computed in double
+// precision so that no size overflows: for refusing a job before allocating.
+double SSM_bytes(int p, int k);
+double SSMState_bytes(int k, int T);
+double SSMWork_bytes(int p, int k, int constrain_F);
+double SSMSuffStat_bytes(int p, int k);
+
 void SSMSuffStat_set_zero(SSMSuffStat* s, int p, int k);
 void SSM_copy(SSM* dst, const SSM* src, int p, int k);

@@ -4,10 +4,7 @@
 #include "math/RandomStream.h"
 #include "math/blas.h"
 
-namespace {
-
-// R[i]: variance of row i of Y over all columns, missing cells counting as 0.0.
-void row_variances(double* R, int p, const double* Y, int n_samples) {
+void SSM_initial_R(double* R, int p, const double* Y, int n_samples) {
   const double s = 1.0 / n_samples;
   for (int i = 0; i < p; ++i) {
     double sum = 0.0;
@@ -23,8 +20,6 @@ void row_variances(double* R, int p, const double* Y, int n_samples) {
   }
 }
 
-}  // namespace
-
 void SSM_init(SSM* ssm, const SSMInit* init, int p, int k, const double* Y, int n_samples) {
   RandomStream* stream = init->stream ? init->stream->get() : nullptr;
   dcopy_(&k, &init->mu, &Matrix_INT_ZERO, ssm->exp, &Matrix_INT_ONE);
@@ -33,7 +28,7 @@ void SSM_init(SSM* ssm, const SSMInit* init, int p, int k, const double* Y, int 
   const int diag_step = k + 1;
   dcopy_(&k, &var0, &Matrix_INT_ZERO, ssm->var, &diag_step);
   RandomStream_gaussian(stream, k * p, ssm->H, init->H_mean, static_cast<double>(k));
-  row_variances(ssm->R, p, Y, n_samples);
+  SSM_initial_R(ssm->R, p, Y, n_samples);
   RandomStream_uniform(stream, k * k, ssm->F, init->F_min, init->F_max);
   dcopy_(&k, &Matrix_DOUBLE_ONE, &Matrix_INT_ZERO, ssm->Q, &Matrix_INT_ONE);
 }

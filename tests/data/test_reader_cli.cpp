@@ -42,17 +42,6 @@ std::string read_but_inconsistent(int p, int k) {
 
 TEST(ReaderCli, InputsThatStopTheRun) {
   enum Via { kFile, kStdin, kModel };
-  // n replicates of one column each, the first at time last_time.
-  const auto wide = [](int n, int last_time) {
-    std::string time = "@time\t" + std::to_string(last_time), replicate = "@replicate\t0";
-    std::string row = "a\t1";
-    for (int r = 1; r < n; ++r) {
-      time += "\t1";
-      replicate.append("\t").append(std::to_string(r));
-      row += "\t1";
-    }
-    return time + "\n" + replicate + "\n" + row + "\n";
-  };
   std::string row4096 = "1.5";
   for (int j = 1; j < 4096; ++j) row4096 += j % 2 == 0 ? "\t1.5" : "\t-2";
   const struct {
@@ -95,12 +84,6 @@ TEST(ReaderCli, InputsThatStopTheRun) {
        "  $PrimaryKeyGroupID: \"hour\"\nWARNING: Unsupported meta data key: $Unknown\n"
        "WARNING: Broken meta data line found. Skip...\n" +
            empty_data(6, 0, 3, 2)},
-      // 450 replicates and one time label of ten million in a 3.5 kB table:
-      // the replicate-by-time table of columns took 18 GB, all of it written.
-      {kFile, wide(450, 10000000),
-       "ERROR: Too many replicates and time points: 450 x 10000000 (at most 134217728 pairs).\n"},
-      {kFile, wide(17, 8388608),
-       "ERROR: Too many replicates and time points: 17 x 8388608 (at most 134217728 pairs).\n"},
       // "SM\n-p_1\t23222" declares k = 23222: two k x k arrays of 4.3 GB each
       // were zero-filled before anything else was looked at. The bound is on
       // each matrix: k = 4096 is read, one state or object more is not.

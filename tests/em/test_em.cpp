@@ -89,8 +89,9 @@ struct Fixture {
     em.constrain_F = 0;
   }
   SSMResult iterate(int iterations) {
+    StartGuard guard(em.retry);
     return SSM_EM_iterate(&em, init.get(), iterations, data.get(), k, a.get(), b.get(),
-                          rec.state.get(), rec.each.get(), rec.total.get(), rec.work.get());
+                          rec.state.get(), rec.each.get(), rec.total.get(), rec.work.get(), &guard);
   }
   std::uint32_t x() const { return init->stream->get()->x; }
 };

@@ -102,12 +102,9 @@ TEST(HostileInput, LongLinesAndMillionsOfCells) {
 }
 
 TEST(HostileInput, OddBytesAndLabelsAtTheirLimits) {
-  const std::string range = "ERROR: Time label out of range: ";
   const struct {
     std::string table, error, block;
   } cases[] = {
-      {"@time\t2147483647\na\t1\n", range + "2147483647 (at most 10000000 time points).\n", ""},
-      {"@time\t10000001\na\t1\n", range + "10000001 (at most 10000000 time points).\n", ""},
       {"@time\t1\t2\t1\n@replicate\t2147483647\t2147483647\t0\na\t1\t2\t3\n", "",
        summary(3, 1, 2, 2)},
       // A NUL byte ends what the line says: here the row loses its second cell.
@@ -134,14 +131,17 @@ TEST(HostileInput, OddBytesAndLabelsAtTheirLimits) {
   }
 }
 
-TEST(HostileInput, LargestTimeGridIsAcceptedAtItsBound) {
+TEST(HostileInput, TimeGridBeyondTheMemoryLimitIsRefusedWhileReading) {
   // The filter's tables for ten million time points take gigabytes: under a
-  // limit of 1 GiB the run reports the grid and then runs out of memory.
+  // limit of 1 GiB the reader refuses the grid before allocating it.
   if (TARN_TEST_ASAN) GTEST_SKIP() << "needs an address-space limit";
   ScratchDir dir;
   tarn_test::write_text(dir / "t.txt", "@time\t10000000\na\t1.5\n");
   const Outcome o = run(dir.path(), "4", rlim_t{1} << 30);
-  EXPECT_NE(o.log.find(summary(1, 1, 10000000, 1)), std::string::npos) << o.log;
   EXPECT_EQ(o.signal, 0);
-  EXPECT_TRUE(o.status == 0 || o.log.ends_with("\nERROR: Out of memory.\n")) << o.log;
+  EXPECT_EQ(o.status, 1);
+  EXPECT_NE(o.log.find("ERROR: The job needs about 10.8 GB of memory (1 objects, 10000000 time "
+                       "points in 1 replicates), more than the 1.1 GB this run may use"),
+            std::string::npos)
+      << o.log;
 }
