@@ -17,57 +17,61 @@ int result_name(char (&buf)[1024], const char* prefix, int k, int set, const cha
   return std::snprintf(buf, sizeof buf, "%s.D%03d.S%03d.%s.%s", prefix, k, set, label, suffix);
 }
 
-void require_fits(int len) {
-  if (len < 0 || len >= 1024) tarn_fatal("ERROR: Output prefix and/or postfix too long.\n");
+void require_fits(int len, StagedSet* files) {
+  if (len < 0 || len >= 1024) {
+    OutputFile_fail(files, "ERROR: Output prefix and/or postfix too long.");
+  }
 }
 
-OutputFile open_result(const char* name) {
+OutputFile open_result(const char* name, StagedSet* files) {
   OutputFile file;
-  if (!OutputFile_open(&file, name)) tarn_fatal("ERROR: Failed to open file: %s\n", name);
+  if (!OutputFile_open(&file, name)) OutputFile_fail(files, "ERROR: Failed to open file: ", name);
   return file;
 }
 
-void write_summary(const char* name, const SSMResult* result, int set) {
-  OutputFile file = open_result(name);
+void write_summary(const char* name, const SSMResult* result, int set, StagedSet* files) {
+  OutputFile file = open_result(name, files);
   std::fprintf(file.fp, "%03d\t%03d\t%f\t%f\t%d\t%s\t%s\n", result->k, set, result->llh,
                result->BIC, result->loops, result->monotone != 0 ? "Monotone" : "Not Monotone",
                result->converged != 0 ? "Converged" : "Not Converged");
-  OutputFile_commit(&file);
+  OutputFile_commit(&file, files);
 }
 
 }  // namespace
 
-void SSMResult_output(const SSMResult* result, const char* prefix, const char* suffix, int set) {
+void SSMResult_output(const SSMResult* result, const char* prefix, const char* suffix, int set,
+                      StagedSet* files) {
   const int p = result->p;
   const int k = result->k;
   char name[1024];
-  require_fits(result_name(name, prefix, k, set, "A", suffix));
+  require_fits(result_name(name, prefix, k, set, "A", suffix), files);
   std::fprintf(TARN_ERR, "Outputting the result into a single file: %s\n", name);
   std::fflush(TARN_ERR);
-  OutputFile file = open_result(name);
+  OutputFile file = open_result(name, files);
   SSM_write_fp(result->ssm, p, k, file.fp);
   Matrix_write_labelled(file.fp, "SSMResult::D", result->D, k, p);
   Matrix_write_labelled(file.fp, "SSMResult::L", result->L, k, 1);
-  OutputFile_commit(&file);
+  OutputFile_commit(&file, files);
 
   result_name(name, prefix, k, set, "B", suffix);
   std::fprintf(TARN_ERR, "Outputting the summary file: %s\n", name);
-  write_summary(name, result, set);
+  write_summary(name, result, set, files);
 }
 
-void SSMResult_output_matrix(const char* file_name, const double* matrix, int rows, int columns) {
-  OutputFile file = open_result(file_name);
+void SSMResult_output_matrix(const char* file_name, const double* matrix, int rows, int columns,
+                             StagedSet* files) {
+  OutputFile file = open_result(file_name, files);
   for (int i = 0; i < rows; ++i) put_row(file.fp, matrix + i, columns, rows, kEachPrecision, "  ");
-  OutputFile_commit(&file);
+  OutputFile_commit(&file, files);
 }
 
-void SSMResult_output_each(const SSMResult* result, const char* prefix, const char* suffix,
-                           int set) {
+void SSMResult_output_each(const SSMResult* result, const char* prefix, const char* suffix, int set,
+                           StagedSet* files) {
   const int p = result->p;
   const int k = result->k;
   const SSM* ssm = result->ssm;
   char name[1024];
-  require_fits(result_name(name, prefix, k, set, "*", suffix));
+  require_fits(result_name(name, prefix, k, set, "*", suffix), files);
   std::fprintf(TARN_ERR, "Outputting files: %s\n", name);
   std::fflush(TARN_ERR);
   struct Part {
@@ -81,9 +85,9 @@ void SSMResult_output_each(const SSMResult* result, const char* prefix, const ch
   for (const Part& part : parts) {
     result_name(name, prefix, k, set, part.label, suffix);
     std::fprintf(TARN_ERR, "%s ...\n", name);
-    SSMResult_output_matrix(name, part.values, part.rows, part.columns);
+    SSMResult_output_matrix(name, part.values, part.rows, part.columns, files);
   }
   result_name(name, prefix, k, set, "B", suffix);
   std::fprintf(TARN_ERR, "%s ...\n", name);
-  write_summary(name, result, set);
+  write_summary(name, result, set, files);
 }

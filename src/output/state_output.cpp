@@ -57,11 +57,10 @@ void put_block(std::FILE* fp, const char* label, int T, Row row) {
 
 // The state files fail with "ERROR: Cannot open file", the data file with
 // the same words but no "ERROR: " in front.
-OutputFile open_or_die(const char* name, bool error_prefix) {
+OutputFile open_or_die(const char* name, bool error_prefix, StagedSet* files) {
   OutputFile file;
   if (!OutputFile_open(&file, name)) {
-    if (error_prefix) tarn_fatal("ERROR: Cannot open file: %s\n", name);
-    tarn_fatal("Cannot open file: %s\n", name);
+    OutputFile_fail(files, error_prefix ? "ERROR: Cannot open file: " : "Cannot open file: ", name);
   }
   return file;
 }
@@ -69,11 +68,12 @@ OutputFile open_or_die(const char* name, bool error_prefix) {
 }  // namespace
 
 void Kalman_apply_output(const SSM* ssm, int k, const SSMData* data, SSMState* state, SSMWork* work,
-                         const char* prefix, const char* suffix, int set, int /*output_option*/) {
+                         const char* prefix, const char* suffix, int set, int /*output_option*/,
+                         StagedSet* files) {
   char name[1024];
   const int len = std::snprintf(name, sizeof name, "%s.D%03d.S%03d.K.%s", prefix, k, set, suffix);
   if (len < 0 || len >= static_cast<int>(sizeof name)) {
-    tarn_fatal("ERROR: Output prefix and/or postfix too long.\n");
+    OutputFile_fail(files, "ERROR: Output prefix and/or postfix too long.");
   }
   std::fprintf(TARN_ERR, "Outputting the calculated state variables: %s\n", name);
   std::fflush(TARN_ERR);
@@ -108,34 +108,35 @@ void Kalman_apply_output(const SSM* ssm, int k, const SSMData* data, SSMState* s
     put_block(fp, "Ys", T, hx_row(s->Xs, 1));
     put_block(fp, "Y", T, [&](int t) { put_observed_row(fp, data, r, t); });
   }
-  OutputFile_commit(&file);
+  OutputFile_commit(&file, files);
 }
 
-void SSMState_output(const char* file_name, const double* const* x, int k, int T) {
-  OutputFile file = open_or_die(file_name, true);
+void SSMState_output(const char* file_name, const double* const* x, int k, int T,
+                     StagedSet* files) {
+  OutputFile file = open_or_die(file_name, true, files);
   for (int t = 0; t < T; ++t) put_row(file.fp, x[t], k, 1, kStatePrecision, "\t");
-  OutputFile_commit(&file);
+  OutputFile_commit(&file, files);
 }
 
 void SSM_output_Hx(const char* file_name, const double* H, const double* const* x, int p, int k,
-                   int T, double* buffer) {
-  OutputFile file = open_or_die(file_name, true);
+                   int T, double* buffer, StagedSet* files) {
+  OutputFile file = open_or_die(file_name, true, files);
   for (int t = 0; t < T; ++t) {
     image_through_H(H, x[t], p, k, buffer);
     put_row(file.fp, buffer, p, 1, kStatePrecision, "\t");
   }
-  OutputFile_commit(&file);
+  OutputFile_commit(&file, files);
 }
 
-void SSMData_output(const SSMData* data, const char* file_name, int r) {
-  OutputFile file = open_or_die(file_name, false);
+void SSMData_output(const SSMData* data, const char* file_name, int r, StagedSet* files) {
+  OutputFile file = open_or_die(file_name, false, files);
   for (int t = 0; t < data->T; ++t) put_observed_row(file.fp, data, r, t);
-  OutputFile_commit(&file);
+  OutputFile_commit_beside(&file, files);
 }
 
 void Kalman_apply_output_each(const SSM* ssm, int k, const SSMData* data, SSMState* state,
                               SSMWork* work, const char* prefix, const char* suffix, int set,
-                              int /*output_option*/) {
+                              int /*output_option*/, StagedSet* files) {
   const int p = data->p;
   const int T = data->T;
   const SSMState* s = state;
@@ -153,16 +154,16 @@ void Kalman_apply_output_each(const SSM* ssm, int k, const SSMData* data, SSMSta
     char name[1024];
     for (int q = 0; q < 3; ++q) {
       name_of(name, sizeof name, x_labels[q]);
-      SSMState_output(name, tables[q], k, T);
+      SSMState_output(name, tables[q], k, T, files);
     }
     for (int q = 0; q < 3; ++q) {
       name_of(name, sizeof name, y_labels[q]);
-      SSM_output_Hx(name, ssm->H, tables[q], p, k, T, work->e);
+      SSM_output_Hx(name, ssm->H, tables[q], p, k, T, work->e, files);
     }
     char data_name[256];
     std::snprintf(data_name, sizeof data_name, "%s.%s.%d.%s", prefix, "Y", r + 1, suffix);
     std::fprintf(TARN_ERR, "%s ...\n", data_name);
     std::fflush(TARN_ERR);
-    SSMData_output(data, data_name, r);
+    SSMData_output(data, data_name, r, files);
   }
 }

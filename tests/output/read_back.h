@@ -38,9 +38,14 @@ inline double num(const std::string& s) {
   return std::strtod(s.c_str(), nullptr);
 }
 
+// The files of a directory, but for the lock files of result sets, which
+// stay in place by design; temporaries left behind do show.
 inline std::set<std::string> files_in(const std::filesystem::path& dir) {
   std::set<std::string> names;
-  for (const auto& e : std::filesystem::directory_iterator(dir)) names.insert(e.path().filename());
+  for (const auto& e : std::filesystem::directory_iterator(dir)) {
+    const std::string name = e.path().filename();
+    if (!(name.starts_with(".") && name.ends_with(".lock"))) names.insert(name);
+  }
   return names;
 }
 

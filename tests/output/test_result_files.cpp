@@ -1,12 +1,16 @@
 // The files of an estimated set: the model file with D and L against its own
 // model, the summary line, the state file against the textbook filter and
 // smoother and the input centred here, the writers' exact text; names that
-// cannot be opened, a full file system and older files in the way.
+// cannot be opened, a full file system or a file size limit against an older
+// set, and older files in the way.
 
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
+#include <csignal>
 #include <regex>
 #include <sstream>
 
@@ -42,18 +46,40 @@ std::vector<double> block(const std::string& text, const std::string& label) {
   return values;
 }
 
-// A tmpfs of the given size on dir while alive; mounting needs root.
+// A tmpfs of the given size on dir while alive, none for size ""; mounting
+// needs root.
 struct Tmpfs {
   fs::path dir;
   bool mounted;
   Tmpfs(const fs::path& at, const std::string& size)
       : dir(at),
-        mounted(fs::create_directory(at) &&
+        mounted(!size.empty() && fs::create_directory(at) &&
                 mount("tmpfs", at.c_str(), "tmpfs", 0, ("size=" + size).c_str()) == 0) {}
   ~Tmpfs() {
     if (mounted) umount2(dir.c_str(), MNT_DETACH);
   }
 };
+
+// estimate() under a limit on the size of any file written, with SIGXFSZ
+// ignored as tarnssm ignores it: writes past the limit fail with EFBIG.
+tarn_test::RunResult estimate_limited(const fs::path& dir, const std::vector<std::string>& args,
+                                      rlim_t bytes) {
+  const fs::path log = dir / ".limited.log";
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const rlimit lim{bytes, bytes};
+    setrlimit(RLIMIT_FSIZE, &lim);
+    std::signal(SIGXFSZ, SIG_IGN);
+    const auto r = estimate(dir, args);
+    tarn_test::write_text(log, r.err);
+    _exit(r.status < 0 ? 99 : r.status);
+  }
+  int wstatus = 0;
+  waitpid(pid, &wstatus, 0);
+  tarn_test::RunResult r{WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1, 0, "", read_text(log)};
+  fs::remove(log);
+  return r;
+}
 
 // The names of the files a log says were written, in order.
 std::vector<std::string> written_files(const std::string& log) {
@@ -160,79 +186,92 @@ TEST(ResultFiles, EachLayoutWriterPutsHandMadeResultsVerbatim) {
 }
 
 TEST(ResultFiles, UnwritableNamesWarnForCombinedStatesAndStopOtherwise) {
-  const std::string gone = "/nonexistent-dir/result", base = gone + ".D004.S011.";
+  // A directory stands under a file's name. A stop leaves none of the set's
+  // files, also none of those written before the failing one.
   const struct {
     std::vector<std::string> args;
-    std::string in_the_way, tail;  // a directory standing under a file's name
+    std::string in_the_way, tail;
   } cases[] = {
       {{}, kStem + "K.dat", "WARNING: Cannot open file: " + kStem + "K.dat\n"},
       {{"--each", "on"},
        "result.Y.1.dat",
        "\nresult.Y.1.dat ...\nCannot open file: result.Y.1.dat\n"},
-      {{"-o", gone},
-       "",
-       base + "K.dat\nWARNING: Cannot open file: " + base +
-           "K.dat\nOutputting the result into a single file: " + base +
-           "A.dat\nERROR: Failed to open file: " + base + "A.dat\n"},
+      {{},
+       kStem + "A.dat",
+       "K.dat\nOutputting the result into a single file: " + kStem +
+           "A.dat\nERROR: Failed to open file: " + kStem + "A.dat\n"},
   };
   for (const auto& c : cases) {
     ScratchDir dir;
-    if (!c.in_the_way.empty()) fs::create_directory(dir / c.in_the_way);
+    fs::create_directory(dir / c.in_the_way);
     const auto r = estimate(dir.path(), c.args);
     const bool warned = c.tail.starts_with("WARNING");
     EXPECT_EQ(r.status, warned ? 0 : 1);
     EXPECT_TRUE(warned ? r.err.find(c.tail) != std::string::npos : r.err.ends_with(c.tail))
         << r.err;
-    EXPECT_EQ(fs::exists(dir / (kStem + "B.dat")), warned);
+    const std::set<std::string> left =
+        warned ? std::set<std::string>{kStem + "A.dat", kStem + "B.dat", c.in_the_way}
+               : std::set<std::string>{c.in_the_way};
+    EXPECT_EQ(files_in(dir.path()), left);
   }
 }
 
-TEST(ResultFiles, FullFileSystemStopsAtTheFileThatDoesNotFit) {
-  // A tmpfs of the first size, then options. The K file takes ~575 KB, the A
-  // file ~40 KB; "?": the first file in writing order that no longer fits.
+TEST(ResultFiles, SetThatCannotBeWrittenLeavesTheOlderSetAsItWas) {
+  // A full tmpfs with the given room, or a limit on the size of a file with
+  // SIGXFSZ ignored (EFBIG), then options. The K file takes ~575 KB, the A
+  // file ~40 KB, a Yp file ~48 KB; "?": the first file in writing order that
+  // no longer fits.
   const struct {
+    bool tmpfs;
+    int kb;
     std::vector<std::string> args;
     std::string failing;
   } cases[] = {
-      {{"64k"}, kStem + "K.dat"},
-      {{"64k", "--each", "on"}, "?"},
-      {{"32k", "--state", "off"}, kStem + "A.dat"},
-      {{"32k", "--state", "off", "--each", "on"}, "?"},
+      {true, 64, {}, kStem + "K.dat"},
+      {true, 64, {"--each", "on"}, "?"},
+      {true, 32, {"--state", "off"}, kStem + "A.dat"},
+      {true, 32, {"--state", "off", "--each", "on"}, "?"},
+      {false, 64, {}, kStem + "K.dat"},
+      {false, 32, {"--each", "on"}, "result.D004.S011.Yp.1.dat"},
+      {false, 8, {"--state", "off", "--each", "on"}, "?"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.args));
+    SCOPED_TRACE(testing::Message() << (c.tmpfs ? "tmpfs " : "file size ") << c.kb << "k "
+                                    << testing::PrintToString(c.args));
     ScratchDir dir;
-    const Tmpfs mnt(dir / "mnt", c.args[0]);
-    if (!mnt.mounted) GTEST_SKIP() << "mounting a tmpfs needs root";
     fs::create_directory(dir / "ref");
-    auto run_into = [&](const std::string& prefix) {
+    auto run_into = [&](const std::string& prefix, rlim_t limit) {
       std::vector<std::string> args{"-o", prefix};
-      args.insert(args.end(), c.args.begin() + 1, c.args.end());
-      return estimate(dir.path(), args);
+      args.insert(args.end(), c.args.begin(), c.args.end());
+      return estimate_limited(dir.path(), args, limit);
     };
-    const auto ref = run_into("ref/result");
+    const auto ref = run_into("ref/result", RLIM_INFINITY);
     ASSERT_EQ(ref.status, 0) << ref.err;
     const std::vector<std::string> order = written_files(ref.err);
-    // An older file under the name that fails keeps what it held.
-    if (c.failing != "?") tarn_test::write_text(dir / "mnt" / c.failing, "older\n");
-    const auto r = run_into("mnt/result");
+    // An older set stands under every name, a page each on the tmpfs.
+    const int kb = c.kb + 4 * static_cast<int>(order.size());
+    const Tmpfs mnt(dir / "out", c.tmpfs ? std::to_string(kb) + "k" : "");
+    if (c.tmpfs && !mnt.mounted) continue;  // mounting needs root
+    fs::create_directories(dir / "out");
+    for (const auto& file : order) tarn_test::write_text(dir / "out" / file, "older\n");
+    const auto r = run_into("out/result", c.tmpfs ? RLIM_INFINITY : rlim_t(c.kb) * 1024);
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(error_lines(r.err), 1) << r.err;
     std::smatch m;
     ASSERT_TRUE(
-        std::regex_search(r.err, m, std::regex("\nERROR: Failed to write file: mnt/(.*)\n$")));
+        std::regex_search(r.err, m, std::regex("\nERROR: Failed to write file: out/(.*)\n$")));
     const std::string name = m[1];
     EXPECT_TRUE(c.failing == "?" || c.failing == name) << name;
-    // Exactly the files before the failing one, each whole; no temporary left.
     const auto failed_at = std::find(order.begin(), order.end(), name);
     ASSERT_NE(failed_at, order.end()) << name;
-    std::set<std::string> want(order.begin(), failed_at);
-    if (c.failing != "?") want.insert(name);
-    EXPECT_EQ(files_in(dir / "mnt"), want);
-    for (const auto& file : want)
-      EXPECT_EQ(read_text(dir / "mnt" / file),
-                file == name ? "older\n" : read_text(dir / "ref" / file))
-          << file;
+    // Only the data files, shared by all sets, written before the failing
+    // one are new; no temporary is left.
+    EXPECT_EQ(files_in(dir / "out"), std::set<std::string>(order.begin(), order.end()));
+    for (auto file = order.begin(); file != order.end(); ++file) {
+      const bool shared = file->starts_with("result.Y.") && file < failed_at;
+      EXPECT_EQ(read_text(dir / "out" / *file), shared ? read_text(dir / "ref" / *file) : "older\n")
+          << *file;
+    }
   }
 }
 
