@@ -76,7 +76,8 @@ int run(int argc, char** argv) {
   RandomStream_new(args->init->stream.get(), static_cast<std::uint32_t>(seed_sum));
 
   // The checks of an estimation run only where a set is to be estimated.
-  const bool estimates = !planned_sets(*args).empty();
+  const std::vector<SetId> sets = planned_sets(*args);
+  const bool estimates = !sets.empty();
   if (estimates && !passes(check_options(*args))) return 1;
 
   std::unique_ptr<SSMData> data;
@@ -91,6 +92,9 @@ int run(int argc, char** argv) {
   if (args->nprocs != 1) tarn_fatal("ERROR: MPI support not enabled.\n");
   if (!passes(check_memory(*args, *data))) return 1;
   if (estimates && !passes(check_objects(*args, *data))) return 1;
+  // Held until the process ends: no other run writes these sets meanwhile.
+  SetLocks locks;
+  if (estimates && !passes(claim_result_sets(*args, sets, &locks))) return 1;
 
   run_mode(args.get(), data.get());
 

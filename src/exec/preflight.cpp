@@ -16,7 +16,7 @@ namespace {
 constexpr int kObjectsNamed = 5;
 
 // The scheduler mode's one set, as it picks it from the id.
-bool scheduler_set(const Args& args, PlannedSet* set) {
+bool scheduler_set(const Args& args, SetId* set) {
   const int total = args.n_dims * args.sets;
   if (args.id < 1 || args.id > total) return false;
   const int q = (args.id - 1) / args.sets;
@@ -52,7 +52,7 @@ bool mode_records(const Args& args, int* k, double* threads) {
   *threads = 1.0;
   if (args.ssm_file != nullptr) return false;
   if (args.sge != 0) {
-    PlannedSet set{};
+    SetId set{};
     if (!scheduler_set(args, &set) || set.k < 1) return false;
     *k = set.k;
     return true;
@@ -100,11 +100,11 @@ void Findings::append(const Findings& other) {
   failed = failed || other.failed;
 }
 
-std::vector<PlannedSet> planned_sets(const Args& args) {
-  std::vector<PlannedSet> sets;
+std::vector<SetId> planned_sets(const Args& args) {
+  std::vector<SetId> sets;
   if (args.ssm_file != nullptr || args.iterations < 1) return sets;
   if (args.sge != 0) {
-    PlannedSet set{};
+    SetId set{};
     if (scheduler_set(args, &set)) sets.push_back(set);
     return sets;
   }
@@ -190,6 +190,17 @@ Findings check_objects(const Args& args, const SSMData& data) {
   if (n > kObjectsNamed) text += " and " + std::to_string(n - kObjectsNamed) + " more";
   text += ". Every start fails on such an object: remove these rows, or try another --shift.";
   found.report(text, unlimited_retries(args));
+  return found;
+}
+
+Findings claim_result_sets(const Args& args, std::span<const SetId> sets, SetLocks* held) {
+  Findings found;
+  std::string error = check_output_folder(args.prefix);
+  if (error.empty()) error = take_set_locks(args.prefix, args.suffix, sets, held);
+  if (!error.empty()) {
+    found.lines.push_back(error + "\n");
+    found.failed = true;
+  }
   return found;
 }
 

@@ -9,16 +9,12 @@
 
 #include "Args.h"
 #include "data/SSMData.h"
+#include "output/set_lock.h"
 
-// One set a run will estimate: its dimension and its number in the file names.
-struct PlannedSet {
-  int k;
-  int set_no;
-};
-
-// The sets the run estimates, in the order it starts them; empty when it
-// estimates none (the apply mode, -n 0, -s 0, a scheduler id past the job).
-std::vector<PlannedSet> planned_sets(const Args& args);
+// The sets the run estimates (dimension and number in the file names), in
+// the order it starts them; empty when it estimates none (the apply mode,
+// -n 0, -s 0, a scheduler id past the job).
+std::vector<SetId> planned_sets(const Args& args);
 
 // What the checks found: whole lines, "WARNING: ..." or "ERROR: ...", in
 // order. A run ends after them when one is an error.
@@ -49,6 +45,10 @@ Findings check_table(const Args& args, const SSMData& data);
 // The centred table: objects without a positive, finite initial R, on which
 // every start fails (errors under unlimited retries).
 Findings check_objects(const Args& args, const SSMData& data);
+
+// The output folder takes files, and no other run writes one of the sets:
+// locks on them are added to held.
+Findings claim_result_sets(const Args& args, std::span<const SetId> sets, SetLocks* held);
 
 // The memory the mode will allocate for its records, against the memory the
 // run may use. Applies to every estimation mode that allocates them, also

@@ -31,10 +31,12 @@ class SetLocks {
 
 // Locks every set of sets for prefix and suffix (-o and -e), adding the
 // descriptors to held. Returns "" when all are held, else the one line
-// (without newline) to stop with:
-//   ERROR: Another run (pid N) is writing result set D004.S001 of prefix "out/run"; wait for it or
-//   choose another -o. ERROR: Cannot write to the output folder of prefix "out/run": Permission
-//   denied.
+// (without newline) to stop with, such as
+//   ERROR: Another run (pid N) is writing result set D004.S001 of prefix
+//   "out/run"; wait for it or choose another -o.
+// or
+//   ERROR: Cannot write to the output folder of prefix "out/run":
+//   Permission denied.
 // Where the file system has no record locks, writes a warning to TARN_ERR
 // and goes on unlocked.
 std::string take_set_locks(const char* prefix, const char* suffix, std::span<const SetId> sets,
