@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
@@ -33,21 +34,25 @@ namespace {
 // cannot be worked on.
 constexpr long long kMaxModelElements = 1LL << 24;
 
+// Which elements of a block are variances, and so must be positive.
+enum class Variances { kNone, kAll, kDiagonal };
+
 // One block of the file: its label, its column-major array and its size.
 struct Block {
   const char* label;
   double* A;
   int rows;
   int cols;
+  Variances variances;
 };
 
 std::array<Block, 6> blocks_of(const SSM* ssm, int p, int k) {
-  return {{{"SSM::exp", ssm->exp, k, 1},
-           {"SSM::var", ssm->var, k, k},
-           {"SSM::H", ssm->H, p, k},
-           {"SSM::R", ssm->R, p, 1},
-           {"SSM::F", ssm->F, k, k},
-           {"SSM::Q", ssm->Q, k, 1}}};
+  return {{{"SSM::exp", ssm->exp, k, 1, Variances::kNone},
+           {"SSM::var", ssm->var, k, k, Variances::kDiagonal},
+           {"SSM::H", ssm->H, p, k, Variances::kNone},
+           {"SSM::R", ssm->R, p, 1, Variances::kAll},
+           {"SSM::F", ssm->F, k, k, Variances::kNone},
+           {"SSM::Q", ssm->Q, k, 1, Variances::kAll}}};
 }
 
 // The stream with the line last read and its number, counted from 1.
@@ -186,6 +191,18 @@ std::pair<int, int> read_dimensions(LineReader& in) {
   return {p, k};
 }
 
+// Ends the run unless element (i, j) of b, which stands on the given line, is
+// finite and, where it is a variance, positive.
+void require_usable_value(const Block& b, int i, int j, int line) {
+  const double v = b.A[i + static_cast<std::size_t>(j) * b.rows];
+  const bool variance =
+      b.variances == Variances::kAll || (b.variances == Variances::kDiagonal && i == j);
+  if (std::isfinite(v) && (!variance || v > 0.0)) return;
+  const std::string column = b.cols > 1 ? ", column " + std::to_string(j + 1) : "";
+  tarn_fatal("ERROR: The SSM model is not usable: %s at line %d%s is %g%s.\n", b.label, line,
+             column.c_str(), v, std::isfinite(v) ? " (variances must be positive)" : "");
+}
+
 }  // namespace
 
 std::unique_ptr<SSM> SSM_read_fp(std::FILE* fp, int* p_out, int* k_out, SSMFileLines* lines) {
@@ -200,4 +217,13 @@ std::unique_ptr<SSM> SSM_read_fp(std::FILE* fp, int* p_out, int* k_out, SSMFileL
   *p_out = p;
   *k_out = k;
   return ssm;
+}
+
+void SSM_require_usable(const SSM* ssm, int p, int k, const SSMFileLines& lines) {
+  const auto blocks = blocks_of(ssm, p, k);
+  for (std::size_t b = 0; b < blocks.size(); ++b) {
+    for (int i = 0; i < blocks[b].rows; ++i)
+      for (int j = 0; j < blocks[b].cols; ++j)
+        require_usable_value(blocks[b], i, j, lines.first_row[b] + i);
+  }
 }

@@ -23,3 +23,8 @@ void SSM_write_fp(const SSM* ssm, int p, int k, std::FILE* fp);
 // that is not a number. lines, when given, receives the blocks' places.
 std::unique_ptr<SSM> SSM_read_fp(std::FILE* fp, int* p_out, int* k_out,
                                  SSMFileLines* lines = nullptr);
+
+// Ends the process when a value of the model is not finite, or a variance (an
+// element of R or Q, a diagonal element of var) is not positive, naming the
+// first such value by its block and its place in the file.
+void SSM_require_usable(const SSM* ssm, int p, int k, const SSMFileLines& lines);
