@@ -1,5 +1,6 @@
-// libFuzzer target for the model file reader: every input must either give a
-// model or end in the reader's fatal error, never a crash or a leak.
+// libFuzzer target for the model file reader and the check that apply makes of
+// what it read: every input must either pass or end in a fatal error, never a
+// crash or a leak.
 
 #include <cstddef>
 #include <cstdint>
@@ -14,7 +15,9 @@ namespace {
 
 struct FatalError {};
 
-[[noreturn]] void throw_fatal() { throw FatalError{}; }
+[[noreturn]] void throw_fatal() {
+  throw FatalError{};
+}
 
 }  // namespace
 
@@ -31,7 +34,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   try {
     int p = 0;
     int k = 0;
-    const auto ssm = SSM_read_fp(fp, &p, &k);
+    SSMFileLines lines;
+    const auto ssm = SSM_read_fp(fp, &p, &k, &lines);
+    SSM_require_usable(ssm.get(), p, k, lines);
   } catch (const FatalError&) {
   } catch (const std::bad_alloc&) {
   }

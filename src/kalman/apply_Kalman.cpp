@@ -9,10 +9,10 @@
 
 namespace {
 
-std::unique_ptr<SSM> read_model(const char* ssm_file, int* p, int* k) {
+std::unique_ptr<SSM> read_model(const char* ssm_file, int* p, int* k, SSMFileLines* lines) {
   std::FILE* fp = std::fopen(ssm_file, "r");
   if (fp == nullptr) tarn_fatal("ERROR: Cannot open file: %s\n", ssm_file);
-  auto ssm = SSM_read_fp(fp, p, k);
+  auto ssm = SSM_read_fp(fp, p, k, lines);
   std::fclose(fp);
   return ssm;
 }
@@ -43,7 +43,8 @@ void apply_Kalman(const char* ssm_file, const SSMData* data, int update_mu, cons
   std::fflush(TARN_ERR);
   int p = 0;
   int k = 0;
-  const auto ssm = read_model(ssm_file, &p, &k);
+  SSMFileLines lines;
+  const auto ssm = read_model(ssm_file, &p, &k, &lines);
   std::fprintf(TARN_ERR, "  Done. p = %d, dim = %d.\n", p, k);
   std::fflush(TARN_ERR);
   if (p != data->p) {
@@ -53,6 +54,7 @@ void apply_Kalman(const char* ssm_file, const SSMData* data, int update_mu, cons
   SSMData_print_summary(data);
   SSMData_require_samples(data);
   if (k < 1) tarn_fatal("ERROR: State dimension must be 1 or more: %d\n", k);
+  SSM_require_usable(ssm.get(), p, k, lines);
 
   auto state = SSMState_new(k, data->T);
   auto work = SSMWork_new(p, k, data->n_samples, 0);

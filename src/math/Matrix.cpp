@@ -1,11 +1,9 @@
 #include "math/Matrix.h"
 
-#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 
-#include "data/Str_readline.h"
 #include "math/SmallMatrix.h"
 #include "math/blas.h"
 
@@ -61,28 +59,3 @@ void Matrix_write_labelled(std::FILE* fp, const char* label, const double* A, in
   std::fputc('\n', fp);
 }
 #pragma GCC diagnostic pop
-
-int Matrix_read_rows(std::FILE* fp, std::string& line, double* A, int rows, int cols) {
-  for (int i = 0; i < rows; ++i) {
-    if (Str_readline(fp, line) != 0 && i > 0) {
-      // End of input: row i - 1 came from the line that stands again, and so
-      // does every row left. Copied rather than converted again, which for a
-      // long line of blanks costs the square of its length per row.
-      for (int j = 0; j < cols; ++j) {
-        double* column = A + static_cast<std::size_t>(j) * rows;
-        std::fill(column + i, column + rows, column[i - 1]);
-      }
-      return 0;
-    }
-    const char* cell = line.c_str();
-    for (int j = 0; j < cols; ++j) {
-      if (j > 0) {
-        cell = std::strchr(cell, '\t');
-        if (cell == nullptr) return -1;
-        ++cell;
-      }
-      A[i + static_cast<std::size_t>(j) * rows] = std::strtod(cell, nullptr);
-    }
-  }
-  return 0;
-}

@@ -4,7 +4,6 @@
 // row count; a diagonal matrix is the vector of its diagonal.
 
 #include <cstdio>
-#include <string>
 
 extern const double Matrix_DOUBLE_ONE;
 extern const double Matrix_DOUBLE_MINUS_ONE;
@@ -32,10 +31,3 @@ void Matrix_clear(double* A, int rows, int cols);
 // Labelled text form: "label\trows\tcols\n", one line per matrix row with the
 // elements in "%.18f" separated by tabs, then one empty line.
 void Matrix_write_labelled(std::FILE* fp, const char* label, const double* A, int rows, int cols);
-
-// Reads the rows * cols elements of a labelled block's content lines (header
-// and closing empty line excluded). Each line's start is converted for column
-// 0, then the text after each following tab for the next column. At the end of
-// input the last line read stands again, as the line reader leaves it.
-// Returns 0, or -1 when a line holds fewer than cols cells.
-int Matrix_read_rows(std::FILE* fp, std::string& line, double* A, int rows, int cols);

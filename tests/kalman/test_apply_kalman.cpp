@@ -3,8 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <random>
 #include <set>
 #include <sstream>
@@ -97,11 +99,35 @@ TEST(ApplyKalman, StatesUnderTheStoredModelMatchTextbookPasses) {
   }
 }
 
+// Each refusal ends the run before any output file: a model for other data,
+// no model file, no states, and a value no filter can work with, named by its
+// block and its line (H on lines 13-17, R on 20-24, F on 27-28, Q on 31-32).
 TEST(ApplyKalman, RefusesModelsThatDoNotFit) {
   std::mt19937_64 rng(3);
   ScratchDir dir;
-  write_model(dir / "model.txt", random_model(5, 2, rng));
+  const Model good = random_model(5, 2, rng);
+  write_model(dir / "model.txt", good);
   write_text(dir / "data.txt", data_text(5, 4, 1, rng));
+  const std::pair<std::function<void(Model&)>, std::string> unusable[] = {
+      {[](Model& m) { m.H(1, 1) = std::nan(""); }, "SSM::H at line 14, column 2 is nan."},
+      {[](Model& m) { m.F(0, 1) = HUGE_VAL; }, "SSM::F at line 27, column 2 is inf."},
+      {[](Model& m) { m.R(2, 0) = 0.0; }, "SSM::R at line 22 is 0 (variances must be positive)."},
+      {[](Model& m) { m.Q(1, 0) = -0.5; },
+       "SSM::Q at line 32 is -0.5 (variances must be positive)."},
+      {[](Model& m) { m.var(1, 1) = 0.0; },
+       "SSM::var at line 10, column 2 is 0 (variances must be positive)."}};
+  for (const auto& [spoil, message] : unusable) {
+    Model m = good;
+    spoil(m);
+    write_model(dir / "model.txt", m);
+    const auto r = run_tarnssm({"--ssm", "model.txt", "data.txt"}, dir.path());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(r.err.ends_with(
+        "------------------------\nERROR: The SSM model is not usable: " + message + "\n"))
+        << r.err;
+    EXPECT_EQ(files_in(dir.path()).size(), 2u) << "no output file for " << message;
+  }
+  write_model(dir / "model.txt", good);
   write_text(dir / "k0.txt",
              "SSM_p_k\t1\t2\n5\t0\n\nSSM::exp\t0\t1\n\nSSM::var\t0\t0\n\nSSM::H\t5\t0\n\n\n\n\n\n\n"
              "SSM::R\t5\t1\n1\n1\n1\n1\n1\n\nSSM::F\t0\t0\n\nSSM::Q\t0\t1\n\n");
