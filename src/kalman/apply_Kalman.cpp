@@ -4,6 +4,7 @@
 #include "log.h"
 #include "math/Matrix.h"
 #include "math/blas.h"
+#include "memory_budget.h"
 #include "model/SSM_file.h"
 #include "output/output.h"
 
@@ -35,6 +36,20 @@ void estimate_initial_state(SSM* ssm, int k, const SSMData* data, SSMState* stat
   Matrix_copy(ssm->exp, work->vec_k, k, 1);
 }
 
+// The filter's tables over every time point and its scratch must fit in the
+// memory the run may use before they are allocated.
+void require_memory(int p, int k, const SSMData* data) {
+  const double need = SSMState_bytes(k, data->T) + SSMWork_bytes(p, k, 0) + 2.0 * SSM_bytes(p, k) +
+                      8.0 * static_cast<double>(data->Y.size());
+  const double limit = memory_limit_bytes();
+  if (need > limit) {
+    tarn_fatal(
+        "ERROR: The job needs about %s of memory (%d objects, %d time points, dimension %d), "
+        "more than the %s this run may use.\n",
+        format_bytes(need).c_str(), p, data->T, k, format_bytes(limit).c_str());
+  }
+}
+
 }  // namespace
 
 void apply_Kalman(const char* ssm_file, const SSMData* data, int update_mu, const char* prefix,
@@ -55,6 +70,7 @@ void apply_Kalman(const char* ssm_file, const SSMData* data, int update_mu, cons
   SSMData_require_samples(data);
   if (k < 1) tarn_fatal("ERROR: State dimension must be 1 or more: %d\n", k);
   SSM_require_usable(ssm.get(), p, k, lines);
+  require_memory(p, k, data);
 
   auto state = SSMState_new(k, data->T);
   auto work = SSMWork_new(p, k, data->n_samples, 0);

@@ -16,6 +16,7 @@
 #include "log.h"
 #include "math/HeapArray.h"
 #include "math/Matrix.h"
+#include "memory_budget.h"
 
 void SSM_write_fp(const SSM* ssm, int p, int k, std::FILE* fp) {
   std::fprintf(fp, "SSM_p_k\t1\t2\n%d\t%d\n\n", p, k);
@@ -28,11 +29,6 @@ void SSM_write_fp(const SSM* ssm, int p, int k, std::FILE* fp) {
 }
 
 namespace {
-
-// The most elements a matrix of the model may have (128 MiB of doubles): the
-// filter works on k x k matrices at every time point, and a larger model
-// cannot be worked on.
-constexpr long long kMaxModelElements = 1LL << 24;
 
 // Which elements of a block are variances, and so must be positive.
 enum class Variances { kNone, kAll, kDiagonal };
@@ -181,11 +177,15 @@ std::pair<int, int> read_dimensions(LineReader& in) {
   if (tab == nullptr) fail_parameters();
   const int k = tarn_atoi(tab + 1);
   if (p < 0 || k < 0) fail_parameters();
-  if (array_size(p, std::max(k, 1)) > kMaxModelElements || array_size(k, k) > kMaxModelElements) {
+  // The model, and the least that applying it takes (one state of the
+  // filter's tables and the scratch), must fit before anything is allocated.
+  const double need = SSM_bytes(p, k) + SSMWork_bytes(p, k, 0) + SSMState_bytes(k, 0);
+  const double limit = memory_limit_bytes();
+  if (need > limit) {
     tarn_fatal(
-        "ERROR: SSM dimensions too large: p = %d, dim = %d (at most %lld elements in a "
-        "matrix).\n",
-        p, k, kMaxModelElements);
+        "ERROR: SSM dimensions too large: p = %d, dim = %d (the model needs at least %s of "
+        "memory, more than the %s this run may use).\n",
+        p, k, format_bytes(need).c_str(), format_bytes(limit).c_str());
   }
   read_block_end(in, "SSM_p_k", false);
   return {p, k};

@@ -1,3 +1,4 @@
+#include <cmath>
 #include <cstdio>
 
 #include "log.h"
@@ -10,6 +11,32 @@
 namespace {
 
 constexpr int kEachPrecision = 15;
+constexpr int kModelPrecision = 18;
+// Fewer significant digits than this in a written value of R lose the model.
+constexpr int kLeastDigits = 6;
+
+// A value of R written with the given decimals keeps fewer than kLeastDigits
+// significant digits when it is below 10^(kLeastDigits - 1 - decimals):
+// data of a tiny scale write a model that cannot be read back and applied.
+void warn_if_R_loses_digits(const double* R, int p, int decimals, const char* name) {
+  const double least = std::pow(10.0, kLeastDigits - 1 - decimals);
+  int lost = 0;
+  double smallest = HUGE_VAL;
+  for (int i = 0; i < p; ++i) {
+    const double v = std::fabs(R[i]);
+    if (v != 0.0 && v < least) {
+      ++lost;
+      smallest = std::fmin(smallest, v);
+    }
+  }
+  if (lost == 0) return;
+  std::fprintf(TARN_ERR,
+               "WARNING: %d of the %d values of R written to %s keep fewer than %d significant "
+               "digits (the smallest is %.3g): rescale the data, multiplying it by a power of "
+               "ten, so that the model reads back as estimated.\n",
+               lost, p, name, kLeastDigits, smallest);
+  std::fflush(TARN_ERR);
+}
 
 // Formats the name of one result file; the caller checks the first name's length.
 int result_name(char (&buf)[1024], const char* prefix, int k, int set, const char* label,
@@ -48,6 +75,7 @@ void SSMResult_output(const SSMResult* result, const char* prefix, const char* s
   std::fprintf(TARN_ERR, "Outputting the result into a single file: %s\n", name);
   std::fflush(TARN_ERR);
   OutputFile file = open_result(name, files);
+  warn_if_R_loses_digits(result->ssm->R, p, kModelPrecision, name);
   SSM_write_fp(result->ssm, p, k, file.fp);
   Matrix_write_labelled(file.fp, "SSMResult::D", result->D, k, p);
   Matrix_write_labelled(file.fp, "SSMResult::L", result->L, k, 1);
@@ -85,6 +113,7 @@ void SSMResult_output_each(const SSMResult* result, const char* prefix, const ch
   for (const Part& part : parts) {
     result_name(name, prefix, k, set, part.label, suffix);
     std::fprintf(TARN_ERR, "%s ...\n", name);
+    if (part.values == ssm->R) warn_if_R_loses_digits(ssm->R, p, kEachPrecision, name);
     SSMResult_output_matrix(name, part.values, part.rows, part.columns, files);
   }
   result_name(name, prefix, k, set, "B", suffix);

@@ -4,10 +4,12 @@
 // none of them.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
 
+#include "output/set_lock.h"
 #include "run_binary.h"
 
 // GCC 12 takes "literal" + std::string for an overlapping copy (a known false
@@ -26,7 +28,7 @@ std::string table(const std::string& extra_rows = "") {
 }
 
 struct Case {
-  std::string input;
+  std::string input;  // the table; a model file too, after "--ssm" in the arguments
   std::vector<std::string> args;
   int status;
   std::string line;  // the first WARNING/ERROR line the run prints, in full or its start
@@ -51,7 +53,9 @@ void expect_cases(const std::vector<Case>& cases) {
     for (const auto& a : c.args) trace += " " + a;
     SCOPED_TRACE(trace);
     tarn_test::ScratchDir dir;
-    tarn_test::write_text(dir / "in.txt", c.input);
+    const std::size_t model = c.input.find("\f");  // a form feed parts table and model
+    tarn_test::write_text(dir / "in.txt", c.input.substr(0, model));
+    if (model != std::string::npos) tarn_test::write_text(dir / "m.txt", c.input.substr(model + 1));
     std::vector<std::string> args = c.args;
     args.push_back("in.txt");
     const tarn_test::RunResult r = tarn_test::run_tarnssm(args, dir.path());
@@ -166,5 +170,34 @@ TEST(Preflight, JobsTooLargeForTheMachineAreRefusedBeforeAllocating) {
       {wide + "\n" + replicates + "\n" + row + "\n", {"-n", "0"}, 1, "ERROR: The job needs about "},
       {table(), {"-n", "0", "-d", "2000000000"}, 1, "ERROR: The job needs about "},
       {table(), {"-d", "3000", "--threads", "100000", "-s", "1"}, 1, "ERROR: The job needs about"},
+      {table() + "\fSM\n-p_1\t23222",
+       {"--ssm", "m.txt"},
+       1,
+       "ERROR: SSM dimensions too large: p = 0, dim = 23222 (the model needs at least 82.0 GB"},
+      {table() + "\fx\n2147483647\t2147483647\n",
+       {"--ssm", "m.txt"},
+       1,
+       "ERROR: SSM dimensions too large: p = 2147483647, dim = 2147483647"},
+  });
+}
+
+TEST(Preflight, ResultSetsOfAnotherRunAndFoldersThatTakeNoFiles) {
+  tarn_test::ScratchDir dir;
+  // This process holds set 2 of dimension 1, as another run would.
+  SetLocks held;
+  const SetId other[] = {{1, 2}};
+  const std::string prefix = (dir / "run").string();
+  ASSERT_EQ(take_set_locks(prefix.c_str(), "dat", other, &held), "");
+  const std::string pid = std::to_string(getpid());
+  expect_cases({
+      {table(), quick({"-s", "2", "-o", prefix}), 1,
+       "ERROR: Another run (pid " + pid + ") is writing result set D001.S002 of prefix"},
+      {table(), quick({"-s", "2", "-o", prefix, "--threads", "2"}), 1, "ERROR: Another run"},
+      // An array task whose set is not another's goes on beside it.
+      {table(), quick({"-s", "2", "-o", prefix, "--sge", "-i", "2", "-L", "2"}), 0, ""},
+      {table(), quick({"-s", "2", "-o", prefix, "--sge", "-i", "1", "-L", "2"}), 1,
+       "ERROR: Another run"},
+      {table(), quick({"-o", "no/such/folder/run"}), 1,
+       "ERROR: Cannot write to the output folder of prefix \"no/such/folder/run\""},
   });
 }
