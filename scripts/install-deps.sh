@@ -8,6 +8,7 @@ packages=(
   clang libclang-rt-14-dev libomp-dev
   slurm-wlm munge
   python3-matplotlib
+  man-db dpkg-dev
 )
 missing=()
 for p in "${packages[@]}"; do
