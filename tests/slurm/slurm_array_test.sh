@@ -92,22 +92,7 @@ TARNSSM="$tarnssm" TARNSSM_DIMS=2,3 TARNSSM_SETS=2 TARNSSM_STARTS=2 TARNSSM_OPTI
   sbatch --wait --array=1-5 --chdir="$job" "$top/examples/jobs/slurm-array.sh" data.txt res \
   > "$work/sbatch.out"
 
-fail=0
-check() { if ! "$@"; then echo "slurm test: failed: $*" >&2; fail=1; fi; }
-for k in 002 003; do
-  for s in 001 002; do
-    for part in A B K; do check test -s "res.D$k.S$s.$part.dat"; done
-    check grep -q "^$k	$s	" "res.D$k.S$s.B.dat"
-  done
-done
-for id in 1 2 3 4; do
-  log=$(printf 'res.log.%06d' "$id")
-  check grep -q "^\[JobID:$id\] SGE Job dispatched" "$log"
-  check grep -q '^X-ALL-TIME:' "$log"
-done
-check grep -q '^WARNING: ID exceeded the total sets.$' res.log.000005
-check test "$(ls res.D*.dat | wc -l)" -eq 12
-if [ "$fail" -ne 0 ]; then
+if ! bash "$top/tests/slurm/check_array_job.sh" res "2 3" 2 5; then
   ls -la "$job" >&2
   cat "$job"/tarnssm-*.out "$work/run/"*.log >&2 || true
   exit 1
