@@ -35,7 +35,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     int p = 0;
     int k = 0;
     SSMFileLines lines;
-    const auto ssm = SSM_read_fp(fp, &p, &k, &lines);
+    // The budget of a run on a machine of 1 GB, below libFuzzer's limits.
+    const auto ssm = SSM_read_fp(fp, &p, &k, &lines, 1e9);
     SSM_require_usable(ssm.get(), p, k, lines);
   } catch (const FatalError&) {
   } catch (const std::bad_alloc&) {

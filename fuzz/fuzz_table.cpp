@@ -16,7 +16,11 @@ namespace {
 
 struct FatalError {};
 
-[[noreturn]] void throw_fatal() { throw FatalError{}; }
+constexpr double kMemoryBytes = 1e9;
+
+[[noreturn]] void throw_fatal() {
+  throw FatalError{};
+}
 
 // read_file takes a name: each input goes to one scratch file, rewritten per run.
 const char* scratch_file() {
@@ -39,7 +43,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::FILE* fp = std::fopen(scratch_file(), "wb");
   if (fp == nullptr || std::fwrite(data, 1, size, fp) != size || std::fclose(fp) != 0) std::abort();
   try {
-    const auto table = read_file(scratch_file());
+    // The budget of a run on a machine of 1 GB, below libFuzzer's limits.
+    const auto table = read_file(scratch_file(), {kMemoryBytes, 0.0});
   } catch (const FatalError&) {
   } catch (const std::bad_alloc&) {
   }

@@ -18,6 +18,7 @@
 #include "log.h"
 #include "math/RandomStream.h"
 #include "math/blas.h"
+#include "memory_budget.h"
 #include "version.h"
 
 namespace {
@@ -82,7 +83,7 @@ int run(int argc, char** argv) {
 
   std::unique_ptr<SSMData> data;
   if (args->rank == 0) {
-    data = read_file(args->input_file, bytes_per_time_point(*args));
+    data = read_file(args->input_file, {memory_limit_bytes(), bytes_per_time_point(*args)});
     if (estimates && !passes(check_table(*args, *data))) return 1;
     if (args->shift > 0) {
       std::fprintf(TARN_ERR, "Applying mean shift for the input data set.\n");

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "memory_budget.h"
+
 struct SSMData {
   std::vector<double> Y;  // p x n_samples, column-major; missing cells hold 0.0
   int n_samples = 0;
@@ -32,11 +34,18 @@ struct SSMData {
   std::string unfit_cells;
 };
 
+// What reading may take: the memory the run may use, and the bytes that each
+// time point of the table adds to the run beyond the table (its filters'
+// tables).
+struct ReadBudget {
+  double memory_bytes = memory_limit_bytes();
+  double bytes_per_time_point = 0.0;
+};
+
 // Reads the table from the named file, or from standard input for null.
-// Ends the process on malformed input, and on a time grid that with
-// bytes_per_time_point more for each time point (the tables of the run's
-// filters) cannot fit in the memory the run may use.
-std::unique_ptr<SSMData> read_file(const char* file_name, double bytes_per_time_point = 0.0);
+// Ends the process on malformed input, and on a time grid that does not fit
+// the budget, before allocating it.
+std::unique_ptr<SSMData> read_file(const char* file_name, const ReadBudget& budget = {});
 
 // Writes the "--- INPUT DATA ---" report to the log.
 void SSMData_print_summary(const SSMData* data);

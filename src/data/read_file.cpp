@@ -269,11 +269,11 @@ struct TableReader {
   // The replicate-by-time table holds a slot for every pair, and the filters
   // a state for every time point: a grid that cannot fit is refused before
   // anything is allocated for it.
-  void check_grid_fits(int T, int p, double bytes_per_time_point) const {
+  void check_grid_fits(int T, int p, const ReadBudget& budget) const {
     const double slots = static_cast<double>(distinct_labels.size()) * T;
     const double data = 2.0 * static_cast<double>(cells.size()) * sizeof(double);
-    const double need = slots * sizeof(int) + data + bytes_per_time_point * T;
-    const double limit = memory_limit_bytes();
+    const double need = slots * sizeof(int) + data + budget.bytes_per_time_point * T;
+    const double limit = budget.memory_bytes;
     if (need > limit) {
       tarn_fatal(
           "ERROR: The job needs about %s of memory (%d objects, %d time points in %zu replicates), "
@@ -325,7 +325,7 @@ struct TableReader {
     return out;
   }
 
-  std::unique_ptr<SSMData> finish(double bytes_per_time_point) const {
+  std::unique_ptr<SSMData> finish(const ReadBudget& budget) const {
     auto data = std::make_unique<SSMData>();
     data->p = rows;
     data->n_replicates = static_cast<int>(distinct_labels.size());
@@ -337,7 +337,7 @@ struct TableReader {
     const std::size_t n_samples = static_cast<std::size_t>(data->n_samples);
     if (p * n_samples != cells.size()) tarn_fatal("ERROR: Input file broken.\n");
     check_labels();
-    check_grid_fits(T, data->p, bytes_per_time_point);
+    check_grid_fits(T, data->p, budget);
 
     std::unordered_map<int, int> replicate_index;
     for (std::size_t i = 0; i < distinct_labels.size(); ++i) {
@@ -397,7 +397,7 @@ struct TableReader {
 
 }  // namespace
 
-std::unique_ptr<SSMData> read_file(const char* file_name, double bytes_per_time_point) {
+std::unique_ptr<SSMData> read_file(const char* file_name, const ReadBudget& budget) {
   // A named file is closed also when a fatal error unwinds through the reader
   // (tarn_fatal_hook); standard input stays open.
   const auto close_named = [](std::FILE* f) {
@@ -419,7 +419,7 @@ std::unique_ptr<SSMData> read_file(const char* file_name, double bytes_per_time_
     reader.line(text);
   }
   fp.reset();
-  return reader.finish(bytes_per_time_point);
+  return reader.finish(budget);
 }
 
 void SSMData_print_summary(const SSMData* data) {

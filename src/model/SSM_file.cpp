@@ -169,7 +169,7 @@ int read_block(LineReader& in, const Block& b, bool last) {
 }
 
 // Line 1 unread, "p\tk" on line 2, and the empty line 3 that ends the pair.
-std::pair<int, int> read_dimensions(LineReader& in) {
+std::pair<int, int> read_dimensions(LineReader& in, double memory_bytes) {
   in.next();
   if (!in.next() || in.line.empty()) fail_parameters();
   const int p = tarn_atoi(in.line.c_str());
@@ -180,7 +180,7 @@ std::pair<int, int> read_dimensions(LineReader& in) {
   // The model, and the least that applying it takes (one state of the
   // filter's tables and the scratch), must fit before anything is allocated.
   const double need = SSM_bytes(p, k) + SSMWork_bytes(p, k, 0) + SSMState_bytes(k, 0);
-  const double limit = memory_limit_bytes();
+  const double limit = memory_bytes;
   if (need > limit) {
     tarn_fatal(
         "ERROR: SSM dimensions too large: p = %d, dim = %d (the model needs at least %s of "
@@ -205,9 +205,10 @@ void require_usable_value(const Block& b, int i, int j, int line) {
 
 }  // namespace
 
-std::unique_ptr<SSM> SSM_read_fp(std::FILE* fp, int* p_out, int* k_out, SSMFileLines* lines) {
+std::unique_ptr<SSM> SSM_read_fp(std::FILE* fp, int* p_out, int* k_out, SSMFileLines* lines,
+                                 double memory_bytes) {
   LineReader in{fp, {}, 0};
-  const auto [p, k] = read_dimensions(in);
+  const auto [p, k] = read_dimensions(in, memory_bytes);
   auto ssm = SSM_new(p, k);
   const auto blocks = blocks_of(ssm.get(), p, k);
   for (std::size_t b = 0; b < blocks.size(); ++b) {

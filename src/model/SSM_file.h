@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "memory_budget.h"
 #include "model/SSM.h"
 
 // Where each block's first row stands in the file (line numbers from 1), in
@@ -20,9 +21,12 @@ void SSM_write_fp(const SSM* ssm, int p, int k, std::FILE* fp);
 // header's text is not compared, and extra cells of a row are ignored. What
 // follows the last block is left unread. Ends the process, naming the block
 // and the line, on a file that ends early, a line of the wrong kind or a cell
-// that is not a number. lines, when given, receives the blocks' places.
+// that is not a number, and before allocating on dimensions whose model and
+// least filter tables need more than memory_bytes. lines, when given,
+// receives the blocks' places.
 std::unique_ptr<SSM> SSM_read_fp(std::FILE* fp, int* p_out, int* k_out,
-                                 SSMFileLines* lines = nullptr);
+                                 SSMFileLines* lines = nullptr,
+                                 double memory_bytes = memory_limit_bytes());
 
 // Ends the process when a value of the model is not finite, or a variance (an
 // element of R or Q, a diagonal element of var) is not positive, naming the
