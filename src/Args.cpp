@@ -31,7 +31,7 @@ std::unique_ptr<Args> Args_new() {
 namespace {
 
 // The option table of the program; destinations are filled in per run.
-enum ArgType { T_INT = 0, T_DOUBLE, T_STRING, T_STRINGS, T_FLAG, T_SWITCH, T_RANGES, T_FUNC };
+enum ArgType { T_INT = 0, T_DOUBLE, T_STRING, T_STRINGS, T_FLAG, T_SWITCH, T_RANGES, T_HELP };
 
 ArgOption* find_option(ArgOption* table, const char* key) {
   for (ArgOption* row = table; row->key != nullptr; ++row) {
@@ -99,9 +99,9 @@ int ParseArgs_parse(ArgOption* table, const char* key, char* value) {
     case T_FLAG:
       *static_cast<int*>(row->dest) = 1;
       return value != nullptr ? PARSE_FLAG_WITH_VALUE : PARSE_OK;
-    case T_FUNC:
-      row->func();
-      return PARSE_OK;
+    case T_HELP:
+      *static_cast<int*>(row->dest) = 1;
+      return PARSE_HELP;
     default:
       break;
   }
@@ -154,6 +154,7 @@ int ParseArgs_set(ArgOption* table, int argc, char** argv) {
     if (is_key_word(word)) {
       if (pending != nullptr) {
         const int r = ParseArgs_parse(table, pending, nullptr);
+        if (r == PARSE_HELP) return ARGS_HELP;
         if (r != PARSE_OK) {
           ParseArgs_error(r, pending);
           return i;
@@ -171,6 +172,7 @@ int ParseArgs_set(ArgOption* table, int argc, char** argv) {
       continue;
     }
     const int r = ParseArgs_parse(table, pending, word);
+    if (r == PARSE_HELP) return ARGS_HELP;
     if (r == PARSE_OK) {
       pending = nullptr;
     } else if (r == PARSE_FLAG_WITH_VALUE) {
@@ -185,6 +187,7 @@ int ParseArgs_set(ArgOption* table, int argc, char** argv) {
   }
   if (pending != nullptr) {
     const int r = ParseArgs_parse(table, pending, nullptr);
+    if (r == PARSE_HELP) return ARGS_HELP;
     if (r != PARSE_OK) {
       ParseArgs_error(r, pending);
       return argc - 1;
@@ -256,11 +259,6 @@ void print_help(std::FILE* out) {
       out);
 }
 
-void show_help() {
-  print_help(TARN_ERR);
-  std::exit(0);
-}
-
 namespace {
 
 struct RangeTarget {
@@ -272,52 +270,52 @@ std::vector<ArgOption> make_arg_set(Args* a, RangeTarget* dims) {
   SSMEMParam* em = a->em.get();
   SSMInit* init = a->init.get();
   return {
-      {ARGS_WITHOUT_KEY, T_STRING, &a->input_file, nullptr, nullptr},
-      {"-i", T_INT, &a->id, nullptr, nullptr},
-      {"-d", T_RANGES, &dims->values, &dims->count, nullptr},
-      {"-s", T_INT, &a->sets, nullptr, nullptr},
-      {"-n", T_INT, &a->iterations, nullptr, nullptr},
-      {"-o", T_STRING, &a->prefix, nullptr, nullptr},
-      {"-e", T_STRING, &a->suffix, nullptr, nullptr},
-      {"--each", T_SWITCH, &a->each, nullptr, nullptr},
-      {"-E", T_SWITCH, &a->each, nullptr, nullptr},
-      {"-L", T_INT, &a->log_mode, nullptr, nullptr},
-      {"-r", T_INT, &a->seed, nullptr, nullptr},
-      {"--sge", T_FLAG, &a->sge, nullptr, nullptr},
-      {"--gsl", T_FLAG, &a->gsl, nullptr, nullptr},
-      {"--state", T_SWITCH, &a->state, nullptr, nullptr},
-      {"--shift", T_INT, &a->shift, nullptr, nullptr},
-      {"--threads", T_INT, &a->threads, nullptr, nullptr},
-      {"--converge", T_DOUBLE, &em->converge, nullptr, nullptr},
-      {"-c", T_DOUBLE, &em->converge, nullptr, nullptr},
-      {"--EM-loop", T_INT, &em->em_loop, nullptr, nullptr},
-      {"--em-loop", T_INT, &em->em_loop, nullptr, nullptr},
-      {"-l", T_INT, &em->em_loop, nullptr, nullptr},
-      {"--RrI", T_SWITCH, &em->RrI, nullptr, nullptr},
-      {"-R", T_SWITCH, &em->RrI, nullptr, nullptr},
-      {"--update-mu", T_SWITCH, &em->update_mu, nullptr, nullptr},
-      {"--abs-converge", T_SWITCH, &em->abs_converge, nullptr, nullptr},
-      {"--ridge", T_DOUBLE, &em->ridge, nullptr, nullptr},
-      {"--constrain-F", T_SWITCH, &em->constrain_F, nullptr, nullptr},
-      {"-F", T_SWITCH, &em->constrain_F, nullptr, nullptr},
-      {"--constrain-Fg", T_DOUBLE, &em->constrain_Fg, nullptr, nullptr},
-      {"-g", T_DOUBLE, &em->constrain_Fg, nullptr, nullptr},
-      {"--retry", T_INT, &em->retry, nullptr, nullptr},
-      {"--verbose", T_INT, &em->verbose, nullptr, nullptr},
-      {"-v", T_INT, &em->verbose, nullptr, nullptr},
-      {"--H-mean", T_DOUBLE, &init->H_mean, nullptr, nullptr},
-      {"--H-SD", T_DOUBLE, &init->H_SD, nullptr, nullptr},
-      {"--F-max", T_DOUBLE, &init->F_max, nullptr, nullptr},
-      {"--F-min", T_DOUBLE, &init->F_min, nullptr, nullptr},
-      {"--mu", T_DOUBLE, &init->mu, nullptr, nullptr},
-      {"--SD", T_DOUBLE, &init->SD, nullptr, nullptr},
-      {"--ssm", T_STRING, &a->ssm_file, nullptr, nullptr},
-      {"--proc-file", T_FLAG, &a->proc_file, nullptr, nullptr},
-      {"-P", T_FLAG, &a->proc_file, nullptr, nullptr},
-      {"--debug", T_INT, &a->debug, nullptr, nullptr},
-      {"-h", T_FUNC, nullptr, nullptr, show_help},
-      {"--strict", T_FLAG, &a->strict, nullptr, nullptr},
-      {nullptr, 0, nullptr, nullptr, nullptr},
+      {ARGS_WITHOUT_KEY, T_STRING, &a->input_file, nullptr},
+      {"-i", T_INT, &a->id, nullptr},
+      {"-d", T_RANGES, &dims->values, &dims->count},
+      {"-s", T_INT, &a->sets, nullptr},
+      {"-n", T_INT, &a->iterations, nullptr},
+      {"-o", T_STRING, &a->prefix, nullptr},
+      {"-e", T_STRING, &a->suffix, nullptr},
+      {"--each", T_SWITCH, &a->each, nullptr},
+      {"-E", T_SWITCH, &a->each, nullptr},
+      {"-L", T_INT, &a->log_mode, nullptr},
+      {"-r", T_INT, &a->seed, nullptr},
+      {"--sge", T_FLAG, &a->sge, nullptr},
+      {"--gsl", T_FLAG, &a->gsl, nullptr},
+      {"--state", T_SWITCH, &a->state, nullptr},
+      {"--shift", T_INT, &a->shift, nullptr},
+      {"--threads", T_INT, &a->threads, nullptr},
+      {"--converge", T_DOUBLE, &em->converge, nullptr},
+      {"-c", T_DOUBLE, &em->converge, nullptr},
+      {"--EM-loop", T_INT, &em->em_loop, nullptr},
+      {"--em-loop", T_INT, &em->em_loop, nullptr},
+      {"-l", T_INT, &em->em_loop, nullptr},
+      {"--RrI", T_SWITCH, &em->RrI, nullptr},
+      {"-R", T_SWITCH, &em->RrI, nullptr},
+      {"--update-mu", T_SWITCH, &em->update_mu, nullptr},
+      {"--abs-converge", T_SWITCH, &em->abs_converge, nullptr},
+      {"--ridge", T_DOUBLE, &em->ridge, nullptr},
+      {"--constrain-F", T_SWITCH, &em->constrain_F, nullptr},
+      {"-F", T_SWITCH, &em->constrain_F, nullptr},
+      {"--constrain-Fg", T_DOUBLE, &em->constrain_Fg, nullptr},
+      {"-g", T_DOUBLE, &em->constrain_Fg, nullptr},
+      {"--retry", T_INT, &em->retry, nullptr},
+      {"--verbose", T_INT, &em->verbose, nullptr},
+      {"-v", T_INT, &em->verbose, nullptr},
+      {"--H-mean", T_DOUBLE, &init->H_mean, nullptr},
+      {"--H-SD", T_DOUBLE, &init->H_SD, nullptr},
+      {"--F-max", T_DOUBLE, &init->F_max, nullptr},
+      {"--F-min", T_DOUBLE, &init->F_min, nullptr},
+      {"--mu", T_DOUBLE, &init->mu, nullptr},
+      {"--SD", T_DOUBLE, &init->SD, nullptr},
+      {"--ssm", T_STRING, &a->ssm_file, nullptr},
+      {"--proc-file", T_FLAG, &a->proc_file, nullptr},
+      {"-P", T_FLAG, &a->proc_file, nullptr},
+      {"--debug", T_INT, &a->debug, nullptr},
+      {"-h", T_HELP, &a->show_help, nullptr},
+      {"--strict", T_FLAG, &a->strict, nullptr},
+      {nullptr, 0, nullptr, nullptr},
   };
 }
 
@@ -352,14 +350,18 @@ std::FILE* open_log(const Args* a) {
 
 }  // namespace
 
-void parse_args(int argc, char** argv, Args* args) {
+int parse_args(int argc, char** argv, Args* args) {
   RangeTarget dims;
   std::vector<ArgOption> table = make_arg_set(args, &dims);
   const int bad = ParseArgs_set(table.data(), argc, argv);
+  if (bad == ARGS_HELP) {
+    print_help(TARN_ERR);
+    return 0;
+  }
   if (bad > 0) {
     std::fprintf(TARN_ERR, "ERROR: Unknown argument specified: %s\n", argv[bad]);
     print_help(TARN_ERR);
-    std::exit(0);
+    return 0;
   }
   if (!dims.values.empty()) {
     args->dims = std::move(dims.values);
@@ -381,4 +383,5 @@ void parse_args(int argc, char** argv, Args* args) {
   }
   if (args->em->constrain_Fg == 1.0) args->em->constrain_Fg = 1.0 - 0.0001;
   TARN_ERR = open_log(args);
+  return ARGS_RUN;
 }

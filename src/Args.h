@@ -58,7 +58,8 @@ struct Args {
   int threads = 1;
   const void* log_by_id = nullptr;
   int output_option = 0;
-  int strict = 0;  // --strict: doubtful readings of the table are errors
+  int strict = 0;     // --strict: doubtful readings of the table are errors
+  int show_help = 0;  // -h was given: the run prints the help and ends
 
   std::string prefix_storage;  // owns prefix once -P has rewritten it
 };
@@ -69,10 +70,9 @@ std::unique_ptr<SSMInit> SSMInit_new();
 // One row of an option table; a row with a null key ends the table.
 struct ArgOption {
   const char* key;
-  int type;  // 0 int, 1 double, 2 string, 3 string list, 4 flag, 5 on/off, 6 int ranges, 7 function
+  int type;    // 0 int, 1 double, 2 string, 3 string list, 4 flag, 5 on/off, 6 int ranges, 7 help
   void* dest;  // int*, double*, const char**, std::vector<char*>*, std::vector<int>*
   int* aux;    // count of a string list or of int ranges
-  void (*func)();
 };
 
 // Result codes of ParseArgs_parse.
@@ -82,20 +82,28 @@ enum {
   PARSE_NEEDS_VALUE = -2,
   PARSE_FLAG_WITH_VALUE = -3,
   PARSE_BAD_SWITCH = -4,
+  PARSE_HELP = 1,  // the help was asked for: the scan stops here
 };
+
+// What ParseArgs_set returns when the help was asked for.
+constexpr int ARGS_HELP = -1;
 
 extern const char* const ARGS_WITHOUT_KEY;
 
 int ParseArgs_parse(ArgOption* table, const char* key, char* value);
+// 0 when all words were taken, ARGS_HELP when the help was asked for, or the
+// positive index of the word to complain about.
 int ParseArgs_set(ArgOption* table, int argc, char** argv);
 void ParseArgs_error(int code, const char* key);
 
-// Fills args from the command line, checks it, opens the log and points
-// TARN_ERR at it. Ends the process on a rejected command line or -h.
-void parse_args(int argc, char** argv, Args* args);
+// What parse_args leaves the run to do.
+constexpr int ARGS_RUN = -1;
 
-// The help text on TARN_ERR, then exit with status 0.
-[[noreturn]] void show_help();
+// Fills args from the command line, checks it, opens the log and points
+// TARN_ERR at it. Returns ARGS_RUN, or the exit status of a run that ends
+// here: 0 after the help (-h, or a rejected command line with its error).
+int parse_args(int argc, char** argv, Args* args);
+
 void print_help(std::FILE* out);
 
 // The rights line shared by the banner and the help text.

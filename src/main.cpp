@@ -70,7 +70,7 @@ int run(int argc, char** argv) {
   TARN_ERR = stderr;
 
   const std::unique_ptr<Args> args = Args_new();
-  parse_args(argc, argv, args.get());
+  if (const int status = parse_args(argc, argv, args.get()); status != ARGS_RUN) return status;
   print_banner(args.get());
   // seed + id + rank, taken as an unsigned 32-bit value.
   const std::int64_t seed_sum = static_cast<std::int64_t>(args->seed) + args->id + args->rank;

@@ -1,7 +1,6 @@
 #include "exec/execute.h"
 
 #include <cfloat>
-#include <cstdlib>
 
 #include "em/SSM_EM.h"
 #include "log.h"
@@ -24,13 +23,9 @@ void update(SetTable* table, int sid, const SSMResult& result) {
     table->pool.pop_back();
   }
   if (holder == nullptr) {
+    // A model that cannot be made throws std::bad_alloc; none is ever null.
     table->models.push_back(SSM_new(result.p, table->max_k));
     holder = table->models.back().get();
-  }
-  if (holder == nullptr) {
-    std::fprintf(TARN_ERR, "FATAL ERROR: execute:update(): ssm NULL\n");
-    std::fflush(TARN_ERR);
-    std::exit(1);
   }
   SSM_copy(holder, result.ssm, result.p, result.k);
   table->results[sid] = result;
