@@ -5,10 +5,12 @@
 #include <benchmark/benchmark.h>
 
 #include "bench_support.h"
-#include "em/SSM_EM.h"
-#include "kalman/Kalman.h"
-#include "math/Matrix.h"
-#include "math/blas.h"
+#include "core/em.h"
+#include "core/kalman.h"
+#include "linalg/blas.h"
+#include "linalg/matrix.h"
+
+using namespace tarn;  // NOLINT(google-build-using-namespace)
 
 namespace {
 

@@ -6,8 +6,10 @@
 #include <random>
 #include <string>
 
-#include "data/SSMData.h"
-#include "log.h"
+#include "core/data_set.h"
+#include "io/log.h"
+
+using namespace tarn;  // NOLINT(google-build-using-namespace)
 
 namespace {
 

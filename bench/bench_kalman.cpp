@@ -4,7 +4,9 @@
 #include <benchmark/benchmark.h>
 
 #include "bench_support.h"
-#include "kalman/Kalman.h"
+#include "core/kalman.h"
+
+using namespace tarn;  // NOLINT(google-build-using-namespace)
 
 namespace {
 

@@ -6,8 +6,10 @@
 #include <random>
 #include <vector>
 
-#include "data/SSMData.h"
-#include "model/SSM.h"
+#include "core/data_set.h"
+#include "core/ssm.h"
+
+using namespace tarn;  // NOLINT(google-build-using-namespace)
 
 namespace tarn_bench {
 
@@ -66,7 +68,7 @@ inline std::unique_ptr<SSM> make_model(int p, int k, unsigned seed = 11) {
 
 }  // namespace tarn_bench
 
-#include "math/blas.h"
+#include "linalg/blas.h"
 
 namespace tarn_bench {
 // BLAS on one thread, as in the program.

@@ -8,8 +8,10 @@
 #include <cstdlib>
 #include <new>
 
-#include "log.h"
-#include "model/SSM_file.h"
+#include "io/log.h"
+#include "io/model_file.h"
+
+using namespace tarn;  // NOLINT(google-build-using-namespace)
 
 namespace {
 

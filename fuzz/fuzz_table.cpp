@@ -9,8 +9,10 @@
 #include <cstdlib>
 #include <new>
 
-#include "data/SSMData.h"
-#include "log.h"
+#include "core/data_set.h"
+#include "io/log.h"
+
+using namespace tarn;  // NOLINT(google-build-using-namespace)
 
 namespace {
 

@@ -1,6 +1,6 @@
 // BLAS on one thread in every test, as in the program.
 
-#include "math/blas.h"
+#include "linalg/blas.h"
 
 namespace {
 const bool kBlasSingleThreaded = (openblas_set_num_threads(1), true);

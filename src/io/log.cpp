@@ -1,0 +1,32 @@
+#include "io/log.h"
+
+#include <cstdarg>
+#include <cstdlib>
+
+namespace tarn {
+
+std::FILE* TARN_ERR = stderr;
+void (*tarn_fatal_hook)() = nullptr;
+
+void tarn_fatal(const char* fmt, ...) {
+  std::FILE* out = TARN_ERR != nullptr ? TARN_ERR : stderr;
+  va_list ap;
+  va_start(ap, fmt);
+  va_list again;
+  va_copy(again, ap);
+  const bool logged = std::vfprintf(out, fmt, ap) >= 0 && std::fflush(out) == 0;
+  va_end(ap);
+  // A log file that cannot take the message (a full disk) must not lose it.
+  if (!logged && out != stderr) {
+    std::vfprintf(stderr, fmt, again);
+    std::fflush(stderr);
+  }
+  va_end(again);
+  if (tarn_fatal_hook != nullptr) tarn_fatal_hook();
+  // Other threads may still be running: flush what is buffered and leave
+  // without running static destructors under them.
+  std::fflush(nullptr);
+  std::_Exit(1);
+}
+
+}  // namespace tarn

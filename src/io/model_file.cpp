@@ -1,0 +1,234 @@
+#include "io/model_file.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "io/convert.h"
+#include "io/log.h"
+#include "io/read_line.h"
+#include "linalg/heap_array.h"
+#include "linalg/matrix.h"
+#include "run/memory_budget.h"
+
+namespace tarn {
+
+void SSM_write_fp(const SSM* ssm, int p, int k, std::FILE* fp) {
+  std::fprintf(fp, "SSM_p_k\t1\t2\n%d\t%d\n\n", p, k);
+  Matrix_write_labelled(fp, "SSM::exp", ssm->exp, k, 1);
+  Matrix_write_labelled(fp, "SSM::var", ssm->var, k, k);
+  Matrix_write_labelled(fp, "SSM::H", ssm->H, p, k);
+  Matrix_write_labelled(fp, "SSM::R", ssm->R, p, 1);
+  Matrix_write_labelled(fp, "SSM::F", ssm->F, k, k);
+  Matrix_write_labelled(fp, "SSM::Q", ssm->Q, k, 1);
+}
+
+namespace {
+
+// Which elements of a block are variances, and so must be positive.
+enum class Variances { kNone, kAll, kDiagonal };
+
+// One block of the file: its label, its column-major array and its size.
+struct Block {
+  const char* label;
+  double* A;
+  int rows;
+  int cols;
+  Variances variances;
+};
+
+std::array<Block, 6> blocks_of(const SSM* ssm, int p, int k) {
+  return {{{"SSM::exp", ssm->exp, k, 1, Variances::kNone},
+           {"SSM::var", ssm->var, k, k, Variances::kDiagonal},
+           {"SSM::H", ssm->H, p, k, Variances::kNone},
+           {"SSM::R", ssm->R, p, 1, Variances::kAll},
+           {"SSM::F", ssm->F, k, k, Variances::kNone},
+           {"SSM::Q", ssm->Q, k, 1, Variances::kAll}}};
+}
+
+// The stream with the line last read and its number, counted from 1.
+struct LineReader {
+  std::FILE* fp;
+  std::string line;
+  int number = 0;
+
+  // False at the end of input, where line and number stay as they were.
+  bool next() {
+    if (Str_readline(fp, line) != 0) return false;
+    ++number;
+    return true;
+  }
+};
+
+bool is_blank(std::string_view s) {
+  return s.find_first_not_of(" \t") == std::string_view::npos;
+}
+
+// The number that fills a cell, blanks around it allowed. The cell must be
+// followed by a tab or the end of the line's text, where strtod stops.
+std::optional<double> number_in(std::string_view cell) {
+  const std::size_t start = cell.find_first_not_of(' ');
+  // strtod would skip any other white space, tabs too, into the next cell.
+  if (start == std::string_view::npos || std::isspace(static_cast<unsigned char>(cell[start])))
+    return std::nullopt;
+  char* end = nullptr;
+  const double v = std::strtod(cell.data() + start, &end);
+  const auto used = static_cast<std::size_t>(end - cell.data());
+  if (used == start || cell.find_first_not_of(' ', used) != std::string_view::npos)
+    return std::nullopt;
+  return v;
+}
+
+// Text of a line for a message: tabs and control bytes escaped, cut at 40 bytes.
+std::string shown(std::string_view s) {
+  constexpr std::size_t kMax = 40;
+  std::string out;
+  for (const char c : s.substr(0, kMax)) {
+    const auto u = static_cast<unsigned char>(c);
+    if (c == '\t') {
+      out += "\\t";
+    } else if (u < 0x20 || u == 0x7f) {
+      char hex[8];
+      std::snprintf(hex, sizeof hex, "\\x%02x", u);
+      out += hex;
+    } else {
+      out += c;
+    }
+  }
+  if (s.size() > kMax) out += "...";
+  return out;
+}
+
+[[noreturn]] void fail_parameters() {
+  tarn_fatal("ERROR: Failed to read the SSM parameters.\n");
+}
+
+[[noreturn]] void fail_found(const LineReader& in, const char* expected, const char* label) {
+  tarn_fatal("ERROR: SSM model file, line %d: %s %s expected, found \"%s\".\n", in.number, expected,
+             label, shown(in.line).c_str());
+}
+
+// Reads a line that the block still needs, or ends the run at the end of input.
+void next_in_block(LineReader& in, const char* label) {
+  if (!in.next()) {
+    tarn_fatal("ERROR: SSM model file, line %d: the file ends before block %s is complete.\n",
+               in.number + 1, label);
+  }
+}
+
+// A header is any line with text whose first cell is not a number.
+void read_header(LineReader& in, const char* label) {
+  next_in_block(in, label);
+  const std::string_view first = std::string_view(in.line).substr(0, in.line.find('\t'));
+  if (is_blank(in.line) || number_in(first)) fail_found(in, "header of block", label);
+}
+
+// The first b.cols cells of the next line into row i; later cells are ignored.
+// A row of no columns (k = 0) is whatever line stands there, empty as written.
+void read_row(LineReader& in, const Block& b, int i) {
+  next_in_block(in, b.label);
+  if (b.cols > 0 && is_blank(in.line)) fail_found(in, "row of block", b.label);
+  std::string_view rest = in.line;
+  for (int j = 0; j < b.cols; ++j) {
+    const std::size_t tab = rest.find('\t');
+    const std::string_view cell = rest.substr(0, tab);
+    const std::optional<double> v = number_in(cell);
+    if (!v) {
+      tarn_fatal("ERROR: SSM model file, line %d: not a number in block %s, column %d: \"%s\".\n",
+                 in.number, b.label, j + 1, shown(cell).c_str());
+    }
+    b.A[i + static_cast<std::size_t>(j) * b.rows] = *v;
+    if (j + 1 == b.cols) break;
+    if (tab == std::string_view::npos) {
+      tarn_fatal("ERROR: SSM model file, line %d: too few cells in block %s: %d of %d.\n",
+                 in.number, b.label, j + 1, b.cols);
+    }
+    rest.remove_prefix(tab + 1);
+  }
+}
+
+// The empty line that ends a block; the last block's may be missing at the end.
+void read_block_end(LineReader& in, const char* label, bool last) {
+  if (last && !in.next()) return;
+  if (!last) next_in_block(in, label);
+  if (!is_blank(in.line)) fail_found(in, "empty line after block", label);
+}
+
+// Returns the line of the block's first row.
+int read_block(LineReader& in, const Block& b, bool last) {
+  read_header(in, b.label);
+  const int first_row = in.number + 1;
+  for (int i = 0; i < b.rows; ++i) read_row(in, b, i);
+  read_block_end(in, b.label, last);
+  return first_row;
+}
+
+// Line 1 unread, "p\tk" on line 2, and the empty line 3 that ends the pair.
+std::pair<int, int> read_dimensions(LineReader& in, double memory_bytes) {
+  in.next();
+  if (!in.next() || in.line.empty()) fail_parameters();
+  const int p = tarn_atoi(in.line.c_str());
+  const char* tab = std::strchr(in.line.c_str(), '\t');
+  if (tab == nullptr) fail_parameters();
+  const int k = tarn_atoi(tab + 1);
+  if (p < 0 || k < 0) fail_parameters();
+  // The model, and the least that applying it takes (one state of the
+  // filter's tables and the scratch), must fit before anything is allocated.
+  const double need = SSM_bytes(p, k) + SSMWork_bytes(p, k, 0) + SSMState_bytes(k, 0);
+  const double limit = memory_bytes;
+  if (need > limit) {
+    tarn_fatal(
+        "ERROR: SSM dimensions too large: p = %d, dim = %d (the model needs at least %s of "
+        "memory, more than the %s this run may use).\n",
+        p, k, format_bytes(need).c_str(), format_bytes(limit).c_str());
+  }
+  read_block_end(in, "SSM_p_k", false);
+  return {p, k};
+}
+
+// Ends the run unless element (i, j) of b, which stands on the given line, is
+// finite and, where it is a variance, positive.
+void require_usable_value(const Block& b, int i, int j, int line) {
+  const double v = b.A[i + static_cast<std::size_t>(j) * b.rows];
+  const bool variance =
+      b.variances == Variances::kAll || (b.variances == Variances::kDiagonal && i == j);
+  if (std::isfinite(v) && (!variance || v > 0.0)) return;
+  const std::string column = b.cols > 1 ? ", column " + std::to_string(j + 1) : "";
+  tarn_fatal("ERROR: The SSM model is not usable: %s at line %d%s is %g%s.\n", b.label, line,
+             column.c_str(), v, std::isfinite(v) ? " (variances must be positive)" : "");
+}
+
+}  // namespace
+
+std::unique_ptr<SSM> SSM_read_fp(std::FILE* fp, int* p_out, int* k_out, SSMFileLines* lines,
+                                 double memory_bytes) {
+  LineReader in{fp, {}, 0};
+  const auto [p, k] = read_dimensions(in, memory_bytes);
+  auto ssm = SSM_new(p, k);
+  const auto blocks = blocks_of(ssm.get(), p, k);
+  for (std::size_t b = 0; b < blocks.size(); ++b) {
+    const int first_row = read_block(in, blocks[b], b + 1 == blocks.size());
+    if (lines != nullptr) lines->first_row[b] = first_row;
+  }
+  *p_out = p;
+  *k_out = k;
+  return ssm;
+}
+
+void SSM_require_usable(const SSM* ssm, int p, int k, const SSMFileLines& lines) {
+  const auto blocks = blocks_of(ssm, p, k);
+  for (std::size_t b = 0; b < blocks.size(); ++b) {
+    for (int i = 0; i < blocks[b].rows; ++i)
+      for (int j = 0; j < blocks[b].cols; ++j)
+        require_usable_value(blocks[b], i, j, lines.first_row[b] + i);
+  }
+}
+
+}  // namespace tarn

@@ -1,0 +1,13 @@
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+namespace tarn {
+
+// Reads one line, ended by LF, CR or CRLF (the ending is not stored), into
+// line. Returns 0 when a line was delivered and 1 at the end of input, leaving
+// line untouched then. A lone CR as the very last byte makes no line.
+int Str_readline(std::FILE* fp, std::string& line);
+
+}  // namespace tarn

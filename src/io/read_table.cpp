@@ -1,0 +1,449 @@
+#include <strings.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "core/data_set.h"
+#include "io/convert.h"
+#include "io/log.h"
+#include "io/read_line.h"
+#include "run/memory_budget.h"
+
+namespace tarn {
+
+namespace {
+
+// A largest time label this many times the number of distinct labels, and
+// above kSparseGridFloor, makes a grid of mostly empty time points: years
+// (1960 .. 2013) used as labels, say. Designs such as 1, 2, 4, 8, 24 stay
+// below it.
+constexpr int kSparseGridRatio = 10;
+constexpr int kSparseGridFloor = 100;
+// Row names kept per object for messages; longer names are cut.
+constexpr std::size_t kMaxNameLength = 200;
+
+bool is_blank(char c) {
+  return c == ' ' || c == '\t';
+}
+
+// Strips blanks from both ends of [b, e) and returns it as a string.
+std::string strip(const char* b, const char* e) {
+  while (b < e && is_blank(*b)) ++b;
+  while (e > b && is_blank(e[-1])) --e;
+  return std::string(b, e);
+}
+
+// The text of the cell that begins at b: up to the next tab or the line's end.
+std::string cell_text(const char* b) {
+  const char* e = std::strchr(b, '\t');
+  return e == nullptr ? std::string(b) : std::string(b, e);
+}
+
+// True when nothing but spaces stands from b to the next tab or the line's end.
+bool blank_to_tab(const char* b) {
+  while (*b == ' ') ++b;
+  return *b == '\t' || *b == '\0';
+}
+
+std::string quoted(const std::string& text) {
+  std::string out = "\"";
+  out += text;
+  out += '"';
+  return out;
+}
+
+std::string shown(double v) {
+  char text[40];
+  std::snprintf(text, sizeof text, "%.15g", v);
+  return text;
+}
+
+// One kind of doubtful reading: how often it happened and where it did first.
+struct Tally {
+  long long count = 0;
+  std::string first;  // "line L, column C: ..."
+
+  // what() tells what was read; it is asked for the first occurrence only.
+  template <typename What>
+  void note(int line, std::size_t column, What what) {
+    if (count++ == 0) {
+      first = "line " + std::to_string(line) + ", column " + std::to_string(column) + ": ";
+      first += what();
+    }
+  }
+};
+
+// "1 cell" / "3 cells".
+std::string counted(long long n, const char* one, const char* many) {
+  return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+struct TableReader {
+  std::string primary_key = "time";
+  std::string secondary_key = "replicate";
+  std::vector<int> time_labels;
+  std::vector<int> replicate_labels;
+  std::vector<int> distinct_labels;  // in order of first appearance
+  std::unordered_set<int> distinct_seen;
+  std::vector<double> cells;  // file order: row by row
+  std::vector<std::string> names;
+  std::vector<int> row_lines;
+  int rows = 0;
+  int line_no = 0;
+  int time_line = 0;  // first line with time labels
+  int state = 0;      // 0 before any header, 1 in the header, 2 in the data
+
+  Tally empty_cells, trailing_text, odd_time_labels, odd_replicate_labels, unfit_cells;
+
+  void add_replicate_label(int label) {
+    replicate_labels.push_back(label);
+    if (distinct_seen.insert(label).second) distinct_labels.push_back(label);
+  }
+
+  void meta_line(const char* start) {
+    const char* tab = std::strchr(start, '\t');
+    if (tab == nullptr) {
+      std::fprintf(TARN_ERR, "WARNING: Broken meta data line found. Skip...\n");
+      return;
+    }
+    const std::string key = strip(start, tab);
+    const std::string value = strip(tab + 1, tab + std::strlen(tab));
+    if (strcasecmp(key.c_str(), "$primarykeygroupid") == 0) {
+      primary_key = value;
+      std::fprintf(TARN_ERR, "  $PrimaryKeyGroupID: \"%s\"\n", value.c_str());
+    } else if (strcasecmp(key.c_str(), "$secondarykeygroupid") == 0) {
+      secondary_key = value;
+      std::fprintf(TARN_ERR, "  $SecondaryPrimaryKeyGroupID: \"%s\"\n", value.c_str());
+    } else {
+      std::fprintf(TARN_ERR, "WARNING: Unsupported meta data key: %s\n", key.c_str());
+    }
+  }
+
+  // One label as atoi reads it; a value beyond int is refused, and a cell
+  // that is empty (atoi then reads the next one) or not a whole number is
+  // noted.
+  int read_label(const char* b, std::size_t column, Tally* odd) {
+    errno = 0;
+    const long long v = std::strtoll(b, nullptr, 10);
+    if (errno == ERANGE || v > INT_MAX || v < INT_MIN) {
+      // Where the number stands: atoi skips blanks and tabs before it.
+      const char* at = b;
+      for (; *at == ' ' || *at == '\t'; ++at) column += *at == '\t' ? 1 : 0;
+      tarn_fatal("ERROR: Label too large for an integer at line %d, column %zu: \"%s\".\n", line_no,
+                 column, cell_text(at).c_str());
+    }
+    const int label = static_cast<int>(v);
+    const std::string text = cell_text(b);
+    char* end = nullptr;
+    const double as_number = std::strtod(text.c_str(), &end);
+    const bool whole = !blank_to_tab(b) && blank_to_tab(end) && as_number == label;
+    if (!whole) {
+      odd->note(line_no, column,
+                [&] { return quoted(text) + " read as " + std::to_string(label); });
+    }
+    return label;
+  }
+
+  void header_line(const char* start) {
+    const char* tab = std::strchr(start, '\t');
+    if (tab == nullptr) {
+      tarn_fatal("ERROR: Header line without a tab: line %d\n", line_no);
+    }
+    const std::string name = strip(start, tab);
+    if (name.empty() || name[0] != '@') return;
+    const char* key = name.c_str() + 1;
+    const bool is_time = strcasecmp(key, primary_key.c_str()) == 0;
+    if (!is_time && strcasecmp(key, secondary_key.c_str()) != 0) return;
+    if (is_time && time_line == 0) time_line = line_no;
+    Tally* odd = is_time ? &odd_time_labels : &odd_replicate_labels;
+    std::size_t column = 1;
+    for (const char* t = tab; t != nullptr; t = std::strchr(t + 1, '\t')) {
+      const int label = read_label(t + 1, ++column, odd);
+      if (is_time) {
+        time_labels.push_back(label);
+      } else {
+        add_replicate_label(label);
+      }
+    }
+    const std::vector<int>& labels = is_time ? time_labels : replicate_labels;
+    const std::vector<int>& other = is_time ? replicate_labels : time_labels;
+    if (!other.empty() && other.size() != labels.size()) {
+      tarn_fatal("ERROR: Inconsistent number of columns: line %d\n", line_no);
+    }
+  }
+
+  void first_data_row(const char* start) {
+    state = 2;
+    if (replicate_labels.empty()) {
+      replicate_labels.assign(time_labels.size(), 1);
+      distinct_labels.assign(1, 1);
+      distinct_seen = {1};
+    }
+    data_row(start);
+  }
+
+  // One cell as strtod reads it; an empty cell (which takes the next cell's
+  // number) and text after the number are noted.
+  double read_cell(const char* b, std::size_t column) {
+    char* end = nullptr;
+    const double v = std::strtod(b, &end);
+    if (end == b) tarn_fatal("ERROR: Unrecognizable character found at line %d\n", line_no);
+    if (!std::isnan(v) && !(std::isfinite(v) && std::isfinite(v * v))) {
+      unfit_cells.note(line_no, column, [v] { return "read as " + shown(v); });
+    }
+    if (blank_to_tab(b)) {
+      empty_cells.note(line_no, column, [v] { return "read as " + shown(v); });
+    } else if (!blank_to_tab(end)) {
+      trailing_text.note(line_no, column,
+                         [b, v] { return quoted(cell_text(b)) + " read as " + shown(v); });
+    }
+    return v;
+  }
+
+  void data_row(const char* start) {
+    ++rows;
+    row_lines.push_back(line_no);
+    const char* name_end = std::strchr(start, '\t');
+    const std::size_t name_length = name_end == nullptr ? std::strlen(start) : name_end - start;
+    names.emplace_back(start, std::min(name_length, kMaxNameLength));
+    std::size_t n = 0;
+    for (const char* t = name_end; t != nullptr; t = std::strchr(t + 1, '\t')) {
+      cells.push_back(read_cell(t + 1, n + 2));
+      ++n;
+    }
+    if (n != time_labels.size()) {
+      std::fprintf(TARN_ERR, "ERROR: Inconsistent number of columns: line %d\n", line_no);
+      tarn_fatal("     :   %d (previous) vs %d (now).\n", static_cast<int>(time_labels.size()),
+                 static_cast<int>(n));
+    }
+  }
+
+  void line(std::string& text) {
+    if (!text.empty() && text[0] == '#') return;
+    std::size_t b = 0;
+    while (b < text.size() && is_blank(text[b])) ++b;
+    std::size_t e = text.size();
+    while (e > b && is_blank(text[e - 1])) --e;
+    text.resize(e);
+    const char* start = text.c_str() + b;
+    const char c = *start;
+    if (state == 0 && c == '@') {
+      state = 1;
+      header_line(start);
+    } else if (state == 0 && c == '$') {
+      meta_line(start);
+    } else if (state == 1 && (c == '@' || c == '$')) {
+      header_line(start);
+    } else if (state != 2) {
+      first_data_row(start);
+    } else {
+      data_row(start);
+    }
+  }
+
+  void check_labels() const {
+    if (replicate_labels.size() != time_labels.size()) {
+      if (replicate_labels.empty()) {
+        tarn_fatal(
+            "ERROR: The columns have no replicate labels: the input has a time line but neither "
+            "a replicate line nor data rows.\n");
+      }
+      tarn_fatal(
+          "ERROR: The columns have no time labels: the input has a replicate line but neither a "
+          "time line nor data rows.\n");
+    }
+    for (const int t : time_labels) {
+      if (t < 1) tarn_fatal("ERROR: Time label out of range: %d (time labels count from 1).\n", t);
+    }
+    for (const int r : replicate_labels) {
+      if (r < 0) tarn_fatal("ERROR: Negative replicate label: %d.\n", r);
+    }
+  }
+
+  // The replicate-by-time table holds a slot for every pair, and the filters
+  // a state for every time point: a grid that cannot fit is refused before
+  // anything is allocated for it.
+  void check_grid_fits(int T, int p, const ReadBudget& budget) const {
+    const double slots = static_cast<double>(distinct_labels.size()) * T;
+    const double data = 2.0 * static_cast<double>(cells.size()) * sizeof(double);
+    const double need = slots * sizeof(int) + data + budget.bytes_per_time_point * T;
+    const double limit = budget.memory_bytes;
+    if (need > limit) {
+      tarn_fatal(
+          "ERROR: The job needs about %s of memory (%d objects, %d time points in %zu replicates), "
+          "more than the %s this run may use: number the time points 1, 2, 3, ..., or use a "
+          "smaller -d or fewer --threads.\n",
+          format_bytes(need).c_str(), p, T, distinct_labels.size(), format_bytes(limit).c_str());
+    }
+  }
+
+  std::vector<std::string> doubts(const SSMData& data, const Tally& repeated_pairs) const {
+    std::vector<std::string> out;
+    if (empty_cells.count > 0) {
+      out.push_back(counted(empty_cells.count, "empty cell takes", "empty cells take") +
+                    " the number of the next cell (first at " + empty_cells.first +
+                    "): write NaN for a missing value.");
+    }
+    if (trailing_text.count > 0) {
+      out.push_back(counted(trailing_text.count, "cell has text after its number",
+                            "cells have text after their number") +
+                    ", which is ignored (first at " + trailing_text.first +
+                    "): a decimal comma is not understood, write 1.5 for 1,5.");
+    }
+    for (const auto& [odd, which] :
+         {std::pair{&odd_time_labels, "time"}, std::pair{&odd_replicate_labels, "replicate"}}) {
+      if (odd->count > 0) {
+        out.push_back(
+            std::to_string(odd->count) + " " + which +
+            (odd->count == 1 ? " label is not a whole number" : " labels are not whole numbers") +
+            " (first at " + odd->first + "): labels are integers.");
+      }
+    }
+    if (repeated_pairs.count > 0) {
+      out.push_back(counted(repeated_pairs.count, "column repeats", "columns repeat") +
+                    " the (replicate, time) pair of an earlier column (first at " +
+                    repeated_pairs.first +
+                    "): the filter uses the last column of a pair while every column counts as a "
+                    "sample; give each pair one column.");
+    }
+    std::unordered_set<int> distinct_times(time_labels.begin(), time_labels.end());
+    const long long n_times = static_cast<long long>(distinct_times.size());
+    if (data.T > kSparseGridFloor && data.T > kSparseGridRatio * n_times) {
+      out.push_back("The largest time label is " + std::to_string(data.T) + " (line " +
+                    std::to_string(time_line) + ") for " + std::to_string(n_times) +
+                    " distinct time labels: every replicate is filtered over " +
+                    std::to_string(data.T) +
+                    " time points, most of them without data. Number the time points 1, 2, 3, "
+                    "... unless the gaps are meant.");
+    }
+    return out;
+  }
+
+  std::unique_ptr<SSMData> finish(const ReadBudget& budget) const {
+    auto data = std::make_unique<SSMData>();
+    data->p = rows;
+    data->n_replicates = static_cast<int>(distinct_labels.size());
+    data->n_samples = static_cast<int>(time_labels.size());
+    int T = -2147483647;
+    for (const int t : time_labels) T = std::max(T, t);
+    data->T = T;
+    const std::size_t p = static_cast<std::size_t>(data->p);
+    const std::size_t n_samples = static_cast<std::size_t>(data->n_samples);
+    if (p * n_samples != cells.size()) tarn_fatal("ERROR: Input file broken.\n");
+    check_labels();
+    check_grid_fits(T, data->p, budget);
+
+    std::unordered_map<int, int> replicate_index;
+    for (std::size_t i = 0; i < distinct_labels.size(); ++i) {
+      replicate_index.emplace(distinct_labels[i], static_cast<int>(i));
+    }
+    const std::size_t T_len = T > 0 ? static_cast<std::size_t>(T) : 0;
+    data->sample_at_block.assign(distinct_labels.size() * T_len, -1);
+    data->sample_at.resize(distinct_labels.size());
+    for (std::size_t r = 0; r < distinct_labels.size(); ++r) {
+      data->sample_at[r] = data->sample_at_block.data() + r * T_len;
+    }
+
+    Tally repeated_pairs;
+    data->Y.resize(p * n_samples);
+    std::vector<std::size_t> list_end(n_samples);
+    std::vector<int>& lists = data->missing_block;
+    for (std::size_t s = 0; s < n_samples; ++s) {
+      const int r = replicate_index.at(replicate_labels[s]);
+      int& slot = data->sample_at[static_cast<std::size_t>(r)][time_labels[s] - 1];
+      if (slot != -1) {
+        repeated_pairs.note(time_line, s + 2, [&] {
+          return "replicate " + std::to_string(replicate_labels[s]) + ", time " +
+                 std::to_string(time_labels[s]);
+        });
+      }
+      slot = static_cast<int>(s);
+      for (std::size_t i = 0; i < p; ++i) {
+        const double v = cells[i * n_samples + s];
+        if (std::isnan(v)) {
+          lists.push_back(static_cast<int>(i));
+          data->Y[i + s * p] = 0.0;
+        } else {
+          data->Y[i + s * p] = v;
+        }
+      }
+      lists.push_back(-1);
+      list_end[s] = lists.size();
+    }
+    lists.shrink_to_fit();
+    data->missing.resize(n_samples);
+    for (std::size_t s = 0; s < n_samples; ++s) {
+      data->missing[s] = lists.data() + (s == 0 ? 0 : list_end[s - 1]);
+    }
+    data->names = names;
+    data->lines = row_lines;
+    data->doubts = doubts(*data, repeated_pairs);
+    if (unfit_cells.count > 0) {
+      data->unfit_cells = counted(unfit_cells.count, "cell is", "cells are") +
+                          " not finite or too large to square in double precision (first at " +
+                          unfit_cells.first +
+                          "): every start fails on such a value. Remove these values, or "
+                          "rescale the data.";
+    }
+    return data;
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<SSMData> read_file(const char* file_name, const ReadBudget& budget) {
+  // A named file is closed also when a fatal error unwinds through the reader
+  // (tarn_fatal_hook); standard input stays open.
+  const auto close_named = [](std::FILE* f) {
+    if (f != stdin) std::fclose(f);
+  };
+  std::unique_ptr<std::FILE, decltype(close_named)> fp(stdin, close_named);
+  if (file_name == nullptr) {
+    std::fprintf(TARN_ERR, "Reading input data from the standard input.\n");
+  } else {
+    std::fprintf(TARN_ERR, "Reading input data file: %s\n", file_name);
+    std::FILE* named = std::fopen(file_name, "r");
+    if (named == nullptr) tarn_fatal("ERROR: Cannot open file: %s\n", file_name);
+    fp.reset(named);
+  }
+  TableReader reader;
+  std::string text;
+  while (Str_readline(fp.get(), text) == 0) {
+    ++reader.line_no;
+    reader.line(text);
+  }
+  fp.reset();
+  return reader.finish(budget);
+}
+
+void SSMData_print_summary(const SSMData* data) {
+  std::fprintf(TARN_ERR, "--- INPUT DATA ---------\n");
+  std::fprintf(TARN_ERR, " observed samples = %d\n", data->n_samples);
+  std::fprintf(TARN_ERR, " objects = %d\n", data->p);
+  std::fprintf(TARN_ERR, " time points = %d\n", data->T);
+  std::fprintf(TARN_ERR, " replicates = %d\n", data->n_replicates);
+  std::fprintf(TARN_ERR, "------------------------\n");
+}
+
+void SSMData_require_samples(const SSMData* data) {
+  if (data->p < 1 || data->n_samples < 1) {
+    tarn_fatal("ERROR: The input data has no objects or no samples.\n");
+  }
+}
+
+std::string SSMData_object_label(const SSMData* data, int i) {
+  const auto at = static_cast<std::size_t>(i);
+  if (at >= data->names.size() || at >= data->lines.size())
+    return "object " + std::to_string(i + 1);
+  return "\"" + data->names[at] + "\" (line " + std::to_string(data->lines[at]) + ")";
+}
+
+}  // namespace tarn

@@ -1,9 +1,0 @@
-#pragma once
-
-#include "data/SSMData.h"
-#include "model/SSM.h"
-
-// The end of a set: canonical form, state variables, result files.
-void ssm_output(SSMResult* result, SSMWork* work, SSMState* state_store, const SSMData* data,
-                const char* prefix, const char* suffix, int set_no, int each, int state,
-                int output_option);

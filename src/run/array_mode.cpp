@@ -1,0 +1,58 @@
+#include "core/em.h"
+#include "io/log.h"
+#include "io/model_files.h"
+#include "run/modes.h"
+#include "run/records.h"
+
+namespace tarn {
+
+void single_set(const Args* args, const SSMData* data) {
+  const SSMEMParam* em = args->em.get();
+  const int total = args->n_dims * args->sets;
+  std::fprintf(TARN_ERR, "***********************************\n");
+  std::fprintf(TARN_ERR, "**   Single SGE Execution Mode   **\n");
+  std::fprintf(TARN_ERR, "***********************************\n");
+  std::fprintf(TARN_ERR, "  Total Sets = %d\n\n", total);
+  std::fprintf(TARN_ERR, "  ID = %d\n", args->id);
+  std::fflush(TARN_ERR);
+  if (args->id > total) {
+    std::fprintf(TARN_ERR, "WARNING: ID exceeded the total sets.\n");
+    std::fprintf(TARN_ERR, "       : Going to quit.\n");
+    return;
+  }
+  if (args->id < 1) tarn_fatal("ERROR: The job ID (-i) must be 1 or more: %d\n", args->id);
+  SSMData_print_summary(data);
+  SSMData_require_samples(data);
+
+  // Ids 1 .. sets work on dims[0], the next sets ids on dims[1], and so on.
+  const int q = (args->id - 1) / args->sets;
+  const int k = args->dims[q];
+  const int set_id = q < args->n_dims ? args->id : 0;
+  std::fprintf(TARN_ERR, "[JobID:%d] SGE Job dispatched. dim=%d, set ID=%d\n", args->id, k, set_id);
+  std::fflush(TARN_ERR);
+  if (k < 1) tarn_fatal("ERROR: State dimension must be 1 or more: %d\n", k);
+
+  EstimationRecords rec(data, k, em->constrain_F);
+  SSMWork* work = rec.work.get();
+  if (em->constrain_F != 0) SSM_EM_prepare_constraint(work, k);
+
+  StartGuard guard(em->retry);
+  std::fprintf(TARN_ERR, "Starting the SSM estimation.\n");
+  std::fflush(TARN_ERR);
+  SSMResult result = SSM_EM_iterate(em, args->init.get(), args->iterations, data, k,
+                                    rec.ssm_a.get(), rec.ssm_b.get(), rec.state.get(),
+                                    rec.suff_a.get(), rec.suff_b.get(), work, &guard);
+  std::fprintf(TARN_ERR, "Finished: dim=%d, likelihood=%f\n", k, result.llh);
+  std::fflush(TARN_ERR);
+  if (SSM_EM_is_normal(result.llh) && result.monotone != 0) {
+    ssm_output(&result, work, rec.state.get(), data, args->prefix, args->suffix,
+               set_id % args->sets + 1, args->each, args->state, args->output_option);
+  } else {
+    std::fprintf(TARN_ERR, "Estimation failed for this set.\n");
+    std::fflush(TARN_ERR);
+  }
+  std::fprintf(TARN_ERR, "\n");
+  std::fflush(TARN_ERR);
+}
+
+}  // namespace tarn

@@ -1,0 +1,26 @@
+#pragma once
+// The working records of an estimation, made once for the largest state
+// dimension they are to serve.
+
+#include <memory>
+
+#include "cli/args.h"
+#include "core/data_set.h"
+#include "core/ssm.h"
+
+namespace tarn {
+
+struct EstimationRecords {
+  EstimationRecords(const SSMData* data, int k, int constrain_F);
+  std::unique_ptr<SSM> ssm_a;  // working model (and best model, in turn, in the restarts)
+  std::unique_ptr<SSM> ssm_b;
+  std::unique_ptr<SSMState> state;
+  std::unique_ptr<SSMSuffStat> suff_a;
+  std::unique_ptr<SSMSuffStat> suff_b;
+  std::unique_ptr<SSMWork> work;
+};
+
+// The largest entry of dims, searched from -2147483647.
+int max_dimension(const Args* args);
+
+}  // namespace tarn

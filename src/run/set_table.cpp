@@ -1,0 +1,58 @@
+#include "run/set_table.h"
+
+#include <cfloat>
+
+#include "core/em.h"
+#include "io/log.h"
+#include "io/model_files.h"
+
+namespace tarn {
+
+SetTable::SetTable(std::size_t n_sets, int max_k_)
+    : max_k(max_k_),
+      best(n_sets + 1, -DBL_MAX),
+      finished(n_sets + 1, 0),
+      results(n_sets + 1, SSMResult{0, 0, 0.0, 0.0, 0, 0, 0, nullptr, nullptr, nullptr}) {}
+
+void update(SetTable* table, int sid, const SSMResult& result) {
+  if (!(SSM_EM_is_normal(result.llh) && result.llh > table->best[sid])) return;
+  table->best[sid] = result.llh;
+  std::fprintf(TARN_ERR, "Best likelihood updated for set id = %d.\n", sid);
+  std::fflush(TARN_ERR);
+  SSM* holder = table->results[sid].ssm;
+  if (holder == nullptr && !table->pool.empty()) {
+    holder = table->pool.back();
+    table->pool.pop_back();
+  }
+  if (holder == nullptr) {
+    // A model that cannot be made throws std::bad_alloc; none is ever null.
+    table->models.push_back(SSM_new(result.p, table->max_k));
+    holder = table->models.back().get();
+  }
+  SSM_copy(holder, result.ssm, result.p, result.k);
+  table->results[sid] = result;
+  table->results[sid].ssm = holder;
+}
+
+void finish_task(SetTable* table, const Args* args, const SSMData* data, int sid, int thread_num,
+                 const SSMResult& result, SSMWork* work, SSMState* state_store) {
+  const int k = result.k;
+  const int done = ++table->finished[sid];
+  std::fprintf(TARN_ERR, "{%d} set=%d, dim=%d, likelihood=%f, loops=%d, finished=%d\n", thread_num,
+               sid, k, result.llh, result.loops, done);
+  update(table, sid, result);
+  std::fflush(TARN_ERR);
+  if (done != args->iterations) return;
+  SSMResult& set = table->results[sid];
+  if (set.ssm == nullptr) {
+    std::fprintf(TARN_ERR, "Estimation failed for this set.\n");
+    std::fflush(TARN_ERR);
+    return;
+  }
+  ssm_output(&set, work, state_store, data, args->prefix, args->suffix, sid % args->sets + 1,
+             args->each, args->state, args->output_option);
+  table->pool.push_back(set.ssm);
+  set.ssm = nullptr;
+}
+
+}  // namespace tarn

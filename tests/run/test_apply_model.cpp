@@ -1,0 +1,151 @@
+// Applying a stored model with --ssm: the one-sweep estimate of the initial
+// state, the file and log of the mode, and the models it refuses.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <set>
+#include <sstream>
+
+#include "io/model_file.h"
+#include "io/read_back.h"
+
+using namespace tarn;  // NOLINT(google-build-using-namespace)
+
+using namespace dense_ref;
+using namespace out_test;
+using tarn_test::read_text;
+using tarn_test::run_tarnssm;
+using tarn_test::ScratchDir;
+using tarn_test::write_text;
+
+namespace {
+
+// p objects over times 1..T in n_rep replicates; the last replicate lacks
+// time 3, and about one cell in ten is missing.
+std::string data_text(int p, int T, int n_rep, std::mt19937_64& rng) {
+  std::ostringstream time, rep;
+  std::vector<std::ostringstream> rows(p);
+  time << "@time";
+  rep << "@replicate";
+  for (int i = 0; i < p; ++i) rows[i] << 'o' << i;
+  std::uniform_real_distribution<double> u(-3.0, 3.0);
+  for (int r = 1; r <= n_rep; ++r) {
+    for (int t = 1; t <= T; ++t) {
+      if (r == n_rep && t == 3) continue;
+      time << '\t' << t;
+      rep << '\t' << r;
+      for (auto& row : rows) {
+        if (u(rng) > 2.4)
+          row << "\tNaN";
+        else
+          row << '\t' << u(rng);
+      }
+    }
+  }
+  std::string text = time.str() + '\n' + rep.str() + '\n';
+  for (const auto& row : rows) text += row.str() + '\n';
+  return text;
+}
+
+void write_model(const std::filesystem::path& path, const Model& m) {
+  std::FILE* fp = std::fopen(path.c_str(), "w");
+  SSM_write_fp(to_ssm(m).get(), m.p, m.k, fp);
+  std::fclose(fp);
+}
+
+}  // namespace
+
+TEST(ApplyKalman, StatesUnderTheStoredModelMatchTextbookPasses) {
+  std::mt19937_64 rng(2024);
+  for (const auto& [n_rep, update_mu] : {std::pair{1, true}, {3, true}, {3, false}}) {
+    SCOPED_TRACE(testing::Message() << n_rep << " replicates, update_mu " << update_mu);
+    ScratchDir dir;
+    write_text(dir / "data.txt", data_text(5, 6, n_rep, rng));
+    write_model(dir / "model.txt", random_model(5, 2, rng));
+    std::vector<std::string> args{"--ssm", "model.txt", "-i", "3", "data.txt"};
+    if (!update_mu) args.insert(args.begin() + 2, {"--update-mu", "off"});
+    const auto r = run_tarnssm(args, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(files_in(dir.path()),
+              (std::set<std::string>{"data.txt", "model.txt", "result.D002.S003.K.dat"}));
+    const Data d = read_centred((dir / "data.txt").string());
+    const std::string log =
+        "Reading the SSM model parameters from the file: model.txt\n  Done. p = 5, dim = 2.\n"
+        "--- INPUT DATA ---------\n observed samples = " +
+        std::to_string(d.n_samples) +
+        "\n objects = 5\n time points = 6\n replicates = " + std::to_string(n_rep) +
+        "\n------------------------\n" +
+        (update_mu ? "Applying Kalman filter and smoother for estimating the initial state "
+                     "variable.\n"
+                   : "") +
+        "Calculating state variables and outputting files...\n"
+        "Outputting the calculated state variables: result.D002.S003.K.dat\n";
+    EXPECT_NE(r.err.find(log), std::string::npos) << r.err;
+
+    // exp = (Xs[1] - Xp[0]) + Xs[0] / n_replicates, from the last replicate alone.
+    Model m = read_model(dir / "model.txt");
+    if (update_mu) {
+      const auto f = filter(m, d, n_rep - 1);
+      const auto s = smooth(m, f);
+      for (int j = 0; j < 2; ++j)
+        m.exp(j, 0) = (s.Xs[1](j, 0) - f.Xp[0](j, 0)) + s.Xs[0](j, 0) / n_rep;
+    }
+    const auto reps = read_state_file(read_text(dir / "result.D002.S003.K.dat"), 6);
+    ASSERT_EQ(reps.size(), static_cast<std::size_t>(n_rep));
+    for (int rr = 0; rr < n_rep; ++rr) expect_states(reps[rr], m, d, rr);
+  }
+}
+
+// Each refusal ends the run before any output file: a model for other data,
+// no model file, no states, and a value no filter can work with, named by its
+// block and its line (H on lines 13-17, R on 20-24, F on 27-28, Q on 31-32).
+TEST(ApplyKalman, RefusesModelsThatDoNotFit) {
+  std::mt19937_64 rng(3);
+  ScratchDir dir;
+  const Model good = random_model(5, 2, rng);
+  write_model(dir / "model.txt", good);
+  write_text(dir / "data.txt", data_text(5, 4, 1, rng));
+  const std::pair<std::function<void(Model&)>, std::string> unusable[] = {
+      {[](Model& m) { m.H(1, 1) = std::nan(""); }, "SSM::H at line 14, column 2 is nan."},
+      {[](Model& m) { m.F(0, 1) = HUGE_VAL; }, "SSM::F at line 27, column 2 is inf."},
+      {[](Model& m) { m.R(2, 0) = 0.0; }, "SSM::R at line 22 is 0 (variances must be positive)."},
+      {[](Model& m) { m.Q(1, 0) = -0.5; },
+       "SSM::Q at line 32 is -0.5 (variances must be positive)."},
+      {[](Model& m) { m.var(1, 1) = 0.0; },
+       "SSM::var at line 10, column 2 is 0 (variances must be positive)."}};
+  for (const auto& [spoil, message] : unusable) {
+    Model m = good;
+    spoil(m);
+    write_model(dir / "model.txt", m);
+    const auto r = run_tarnssm({"--ssm", "model.txt", "data.txt"}, dir.path());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(r.err.ends_with(
+        "------------------------\nERROR: The SSM model is not usable: " + message + "\n"))
+        << r.err;
+    EXPECT_EQ(files_in(dir.path()).size(), 2u) << "no output file for " << message;
+  }
+  write_model(dir / "model.txt", good);
+  write_text(dir / "k0.txt",
+             "SSM_p_k\t1\t2\n5\t0\n\nSSM::exp\t0\t1\n\nSSM::var\t0\t0\n\nSSM::H\t5\t0\n\n\n\n\n\n\n"
+             "SSM::R\t5\t1\n1\n1\n1\n1\n1\n\nSSM::F\t0\t0\n\nSSM::Q\t0\t1\n\n");
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{"--ssm", "model.txt", kSim},
+       "  Done. p = 5, dim = 2.\nERROR: Number of objects inconsistent.\n     :  input data: 200  "
+       "vs  input SSM: 5\n"},
+      {{"--ssm", "nope.txt", "data.txt"},
+       "Reading the SSM model parameters from the file: nope.txt\nERROR: Cannot open file: "
+       "nope.txt\n"},
+      {{"--ssm", "k0.txt", "data.txt"},
+       "------------------------\nERROR: State dimension must be 1 or more: 0\n"}};
+  for (const auto& [args, tail] : cases) {
+    const auto r = run_tarnssm(args, dir.path());
+    EXPECT_EQ(r.status, 1) << args[1];
+    EXPECT_TRUE(r.err.ends_with(tail)) << r.err;
+    EXPECT_EQ(files_in(dir.path()).size(), 3u) << "no output file for " << args[1];
+  }
+}
