@@ -17,12 +17,6 @@ const char* const ARGS_WITHOUT_KEY = "__ARGS_WITHOUT_KEY__";
 const char* const TARN_RIGHTS_LINE =
     "  Copyright (C) 2026 The Tarn-SSM developers. All rights reserved.";
 
-std::unique_ptr<SSMInit> SSMInit_new() {
-  auto init = std::make_unique<SSMInit>();
-  init->stream = std::make_unique<std::unique_ptr<RandomStream>>();
-  return init;
-}
-
 std::unique_ptr<Args> Args_new() {
   auto args = std::make_unique<Args>();
   args->em = std::make_unique<SSMEMParam>();

@@ -2,10 +2,9 @@
 // The EM estimation of one model: the E-step sums, the EM loop with its
 // M-step, and the restarts of one set.
 
-#include "cli/args.h"
 #include "core/data_set.h"
+#include "core/options.h"
 #include "core/ssm.h"
-#include "run/start_guard.h"
 
 namespace tarn {
 
@@ -37,14 +36,6 @@ void SSM_EM_calc_ABinv(const double* A, const double* B, double* X, int rows, in
 void SSM_EM_update_constraint_F(const double* xx_lag, const double* xx_prev, const double* Q,
                                 const double* Fc_C, double* F, int k, double* Fc_G, double* Fc_CW,
                                 double* Fc_W, int* ipiv, double* work, int lwork, double g);
-
-// The iterations estimations of one set, each from a fresh random model,
-// retried while untrustworthy; returns the best by log-likelihood. The guard
-// ends the run when a start keeps failing before any start has succeeded.
-SSMResult SSM_EM_iterate(const SSMEMParam* em, const SSMInit* init, int iterations,
-                         const SSMData* data, int k, SSM* ssm_a, SSM* ssm_b, SSMState* state_store,
-                         SSMSuffStat* suff_a, SSMSuffStat* suff_b, SSMWork* work,
-                         StartGuard* guard);
 
 // Fills the selection matrix of the constraint on F for k: ones at
 // i * (k * k + k + 1).

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "cli/args.h"
+#include "core/options.h"
 #include "core/ssm.h"
 
 namespace tarn {

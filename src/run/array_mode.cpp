@@ -1,6 +1,7 @@
 #include "core/em.h"
 #include "io/log.h"
 #include "io/model_files.h"
+#include "run/em_starts.h"
 #include "run/modes.h"
 #include "run/records.h"
 

@@ -15,6 +15,7 @@
 #include "cli/args.h"
 #include "core/em_fixtures.h"
 #include "core/initial_model.h"
+#include "run/em_starts.h"
 
 using namespace tarn;  // NOLINT(google-build-using-namespace)
 

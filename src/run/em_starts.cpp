@@ -1,3 +1,5 @@
+#include "run/em_starts.h"
+
 #include <cfloat>
 #include <utility>
 
