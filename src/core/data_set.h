@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "run/memory_budget.h"
+#include "io/memory_budget.h"
 
 namespace tarn {
 

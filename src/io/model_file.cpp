@@ -13,10 +13,10 @@
 
 #include "io/convert.h"
 #include "io/log.h"
+#include "io/memory_budget.h"
 #include "io/read_line.h"
 #include "linalg/heap_array.h"
 #include "linalg/matrix.h"
-#include "run/memory_budget.h"
 
 namespace tarn {
 

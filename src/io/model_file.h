@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "core/ssm.h"
-#include "run/memory_budget.h"
+#include "io/memory_budget.h"
 
 namespace tarn {
 

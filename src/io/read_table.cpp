@@ -14,8 +14,8 @@
 #include "core/data_set.h"
 #include "io/convert.h"
 #include "io/log.h"
+#include "io/memory_budget.h"
 #include "io/read_line.h"
-#include "run/memory_budget.h"
 
 namespace tarn {
 

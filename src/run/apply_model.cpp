@@ -2,11 +2,11 @@
 
 #include "core/kalman.h"
 #include "io/log.h"
+#include "io/memory_budget.h"
 #include "io/model_file.h"
 #include "io/result_writers.h"
 #include "linalg/blas.h"
 #include "linalg/matrix.h"
-#include "run/memory_budget.h"
 
 namespace tarn {
 

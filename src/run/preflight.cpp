@@ -7,7 +7,7 @@
 
 #include "core/initial_model.h"
 #include "core/ssm.h"
-#include "run/memory_budget.h"
+#include "io/memory_budget.h"
 #include "run/records.h"
 
 namespace tarn {

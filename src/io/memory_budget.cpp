@@ -1,4 +1,4 @@
-#include "run/memory_budget.h"
+#include "io/memory_budget.h"
 
 #include <sys/resource.h>
 #include <unistd.h>
