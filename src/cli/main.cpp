@@ -66,8 +66,7 @@ bool passes(const Findings& found) {
 }
 
 int run(int argc, char** argv) {
-  Timer timer = Timer_new();
-  Timer_start(&timer);
+  const Stopwatch clock;
   TARN_ERR = stderr;
 
   const std::unique_ptr<Args> args = Args_new();
@@ -100,10 +99,8 @@ int run(int argc, char** argv) {
 
   run_mode(args.get(), data.get());
 
-  const double t = Timer_get(&timer);
-  std::fprintf(TARN_ERR, "All time: ");
-  Timer_print(t, TARN_ERR);
-  std::fprintf(TARN_ERR, "\nX-ALL-TIME:\t%f\n", t);
+  const double t = clock.seconds();
+  std::fprintf(TARN_ERR, "All time: %s\nX-ALL-TIME:\t%f\n", format_duration(t).c_str(), t);
   return 0;
 }
 

@@ -21,7 +21,7 @@ void single_one(const Args* args, const SSMData* data) {
 
   EstimationRecords rec(data, max_k, em->constrain_F);
   SSMWork* work = rec.work.get();
-  Timer timer = Timer_new();
+  Stopwatch clock;
   StartGuard guard(em->retry);
 
   for (int d = 0; d < args->n_dims; ++d) {
@@ -33,15 +33,13 @@ void single_one(const Args* args, const SSMData* data) {
     for (int s = 1; s <= args->sets; ++s) {
       std::fprintf(TARN_ERR, "Set %d...\n", s);
       std::fflush(TARN_ERR);
-      Timer_start(&timer);
+      clock.restart();
       SSMResult result = SSM_EM_iterate(em, args->init.get(), args->iterations, data, k,
                                         rec.ssm_a.get(), rec.ssm_b.get(), rec.state.get(),
                                         rec.suff_a.get(), rec.suff_b.get(), work, &guard);
-      Timer_stop(&timer);
+      const double t = clock.seconds();
       std::fprintf(TARN_ERR, "Finished: dim=%d, likelihood=%f\n", k, result.llh);
-      const double t = Timer_get(&timer);
-      Timer_print(t, TARN_ERR);
-      std::fprintf(TARN_ERR, "\nX-SINGLE-TIME:\t%f\n", t);
+      std::fprintf(TARN_ERR, "%s\nX-SINGLE-TIME:\t%f\n", format_duration(t).c_str(), t);
       std::fflush(TARN_ERR);
       if (SSM_EM_is_normal(result.llh) && result.monotone != 0) {
         ssm_output(&result, work, rec.state.get(), data, args->prefix, args->suffix,

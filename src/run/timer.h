@@ -1,31 +1,23 @@
 #pragma once
-// Wall-clock or processor-time stopwatch in seconds.
+// A wall-clock stopwatch in seconds, and the day/hour/min/sec form of the log.
 
-#include <cstdint>
-#include <cstdio>
-#include <ctime>
+#include <chrono>
+#include <string>
 
 namespace tarn {
 
-struct TimerInstant {
-  std::int64_t seconds;
-  std::int64_t microseconds;
+class Stopwatch {
+ public:
+  Stopwatch() { restart(); }
+  void restart() { start_ = Clock::now(); }
+  double seconds() const { return std::chrono::duration<double>(Clock::now() - start_).count(); }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  Clock::time_point start_;
 };
 
-struct Timer {
-  TimerInstant start;
-  std::clock_t cpu_start;
-  double elapsed;
-  int running;
-  int type;  // 0: wall clock (gettimeofday), 1: processor time (clock)
-};
-
-Timer Timer_new();
-void Timer_start(Timer* timer);
-void Timer_stop(Timer* timer);
-double Timer_get(Timer* timer);
-
-// Prints "%d day %02d hour %02d min %02d sec", with no line end.
-void Timer_print(double seconds, std::FILE* stream);
+// "%d day %02d hour %02d min %02d sec" of seconds rounded to the nearest one.
+std::string format_duration(double seconds);
 
 }  // namespace tarn
