@@ -13,6 +13,8 @@
 #include "core/data_set.h"
 #include "io/log.h"
 #include "io/memory_budget.h"
+#include "io/read_table.h"
+#include "io/status.h"
 #include "linalg/blas.h"
 #include "linalg/random_stream.h"
 #include "run/apply_model.h"
@@ -84,7 +86,13 @@ int run(int argc, char** argv) {
 
   std::unique_ptr<SSMData> data;
   if (args->rank == 0) {
-    data = read_file(args->input_file, {memory_limit_bytes(), bytes_per_time_point(*args)});
+    Result<std::unique_ptr<SSMData>> table =
+        read_table_file(args->input_file, {memory_limit_bytes(), bytes_per_time_point(*args)});
+    if (!table.ok()) {
+      print_error(table.status().message());
+      return 1;
+    }
+    data = std::move(table.value());
     if (estimates && !passes(check_table(*args, *data))) return 1;
     if (args->shift > 0) {
       std::fprintf(TARN_ERR, "Applying mean shift for the input data set.\n");

@@ -61,7 +61,7 @@ struct LineReader {
 
   // False at the end of input, where line and number stay as they were.
   bool next() {
-    if (Str_readline(fp, line) != 0) return false;
+    if (!read_line(fp, line)) return false;
     ++number;
     return true;
   }

@@ -4,6 +4,7 @@
 #include "io/log.h"
 #include "io/memory_budget.h"
 #include "io/model_file.h"
+#include "io/read_table.h"
 #include "io/result_writers.h"
 #include "linalg/blas.h"
 #include "linalg/matrix.h"
@@ -68,8 +69,9 @@ void apply_Kalman(const char* ssm_file, const SSMData* data, int update_mu, cons
     std::fprintf(TARN_ERR, "ERROR: Number of objects inconsistent.\n");
     tarn_fatal("     :  input data: %d  vs  input SSM: %d\n", data->p, p);
   }
-  SSMData_print_summary(data);
-  SSMData_require_samples(data);
+  print_table_summary(*data);
+  if (const Status samples = check_samples(*data); !samples.ok())
+    tarn_fatal("%s\n", samples.message().c_str());
   if (k < 1) tarn_fatal("ERROR: State dimension must be 1 or more: %d\n", k);
   SSM_require_usable(ssm.get(), p, k, lines);
   require_memory(p, k, data);
