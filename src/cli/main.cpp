@@ -47,17 +47,19 @@ void print_banner(const Args* args) {
   std::fflush(TARN_ERR);
 }
 
-void run_mode(const Args* args, const SSMData* data) {
+Status run_mode(const Args* args, const SSMData* data) {
   if (args->ssm_file != nullptr) {
-    apply_Kalman(args->ssm_file, data, args->em->update_mu, args->prefix, args->suffix, args->id,
-                 args->each, args->output_option);
-  } else if (args->sge != 0) {
+    return apply_Kalman(args->ssm_file, data, args->em->update_mu, args->prefix, args->suffix,
+                        args->id, args->each, args->output_option);
+  }
+  if (args->sge != 0) {
     single_set(args, data);
   } else if (args->threads == 1) {
     single_one(args, data);
   } else {
     thread(args, data);
   }
+  return {};
 }
 
 // Prints what a check found; false when the run is to end on it.
@@ -106,7 +108,10 @@ int run(int argc, char** argv) {
   SetLocks locks;
   if (estimates && !passes(claim_result_sets(*args, sets, &locks))) return 1;
 
-  run_mode(args.get(), data.get());
+  if (const Status ran = run_mode(args.get(), data.get()); !ran.ok()) {
+    print_error(ran.message());
+    return 1;
+  }
 
   const double t = Timer_get(&timer);
   std::fprintf(TARN_ERR, "All time: ");

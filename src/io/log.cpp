@@ -6,7 +6,6 @@
 namespace tarn {
 
 std::FILE* TARN_ERR = stderr;
-void (*tarn_fatal_hook)() = nullptr;
 
 void print_error(const std::string& message) {
   std::FILE* out = TARN_ERR != nullptr ? TARN_ERR : stderr;
@@ -32,7 +31,6 @@ void tarn_fatal(const char* fmt, ...) {
     std::fflush(stderr);
   }
   va_end(again);
-  if (tarn_fatal_hook != nullptr) tarn_fatal_hook();
   // Other threads may still be running: flush what is buffered and leave
   // without running static destructors under them.
   std::fflush(nullptr);
