@@ -5,9 +5,11 @@
 #include <cstdio>
 #include <random>
 #include <string>
+#include <utility>
 
 #include "core/data_set.h"
 #include "io/log.h"
+#include "io/read_table.h"
 
 using namespace tarn;  // NOLINT(google-build-using-namespace)
 
@@ -47,7 +49,7 @@ void BM_read_file(benchmark::State& state) {
   const std::string path = make_table(p, 12, 3);
   TARN_ERR = std::fopen("/dev/null", "w");
   for (auto _ : state) {
-    auto data = read_file(path.c_str());
+    auto data = std::move(read_table_file(path.c_str()).value());
     benchmark::DoNotOptimize(data->Y.data());
   }
   state.SetItemsProcessed(state.iterations() * p * 36);
@@ -61,7 +63,7 @@ void BM_mean_shift(benchmark::State& state) {
   const int p = static_cast<int>(state.range(0));
   const std::string path = make_table(p, 12, 3);
   TARN_ERR = std::fopen("/dev/null", "w");
-  auto data = read_file(path.c_str());
+  auto data = std::move(read_table_file(path.c_str()).value());
   for (auto _ : state) {
     SSMData_node_mean_shift(data.get(), 1);
     benchmark::DoNotOptimize(data->Y.data());

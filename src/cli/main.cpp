@@ -13,6 +13,8 @@
 #include "core/data_set.h"
 #include "io/log.h"
 #include "io/memory_budget.h"
+#include "io/read_table.h"
+#include "io/status.h"
 #include "linalg/blas.h"
 #include "linalg/random_stream.h"
 #include "run/apply_model.h"
@@ -45,17 +47,19 @@ void print_banner(const Args* args) {
   std::fflush(TARN_ERR);
 }
 
-void run_mode(const Args* args, const SSMData* data) {
+Status run_mode(const Args* args, const SSMData* data) {
   if (args->ssm_file != nullptr) {
-    apply_Kalman(args->ssm_file, data, args->em->update_mu, args->prefix, args->suffix, args->id,
-                 args->each, args->output_option);
-  } else if (args->sge != 0) {
+    return apply_Kalman(args->ssm_file, data, args->em->update_mu, args->prefix, args->suffix,
+                        args->id, args->each, args->output_option);
+  }
+  if (args->sge != 0) {
     single_set(args, data);
   } else if (args->threads == 1) {
     single_one(args, data);
   } else {
     thread(args, data);
   }
+  return {};
 }
 
 // Prints what a check found; false when the run is to end on it.
@@ -83,7 +87,13 @@ int run(int argc, char** argv) {
 
   std::unique_ptr<SSMData> data;
   if (args->rank == 0) {
-    data = read_file(args->input_file, {memory_limit_bytes(), bytes_per_time_point(*args)});
+    Result<std::unique_ptr<SSMData>> table =
+        read_table_file(args->input_file, {memory_limit_bytes(), bytes_per_time_point(*args)});
+    if (!table.ok()) {
+      print_error(table.status().message());
+      return 1;
+    }
+    data = std::move(table.value());
     if (estimates && !passes(check_table(*args, *data))) return 1;
     if (args->shift > 0) {
       std::fprintf(TARN_ERR, "Applying mean shift for the input data set.\n");
@@ -97,7 +107,10 @@ int run(int argc, char** argv) {
   SetLocks locks;
   if (estimates && !passes(claim_result_sets(*args, sets, &locks))) return 1;
 
-  run_mode(args.get(), data.get());
+  if (const Status ran = run_mode(args.get(), data.get()); !ran.ok()) {
+    print_error(ran.message());
+    return 1;
+  }
 
   const double t = clock.seconds();
   std::fprintf(TARN_ERR, "All time: %s\nX-ALL-TIME:\t%f\n", format_duration(t).c_str(), t);

@@ -6,8 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "io/memory_budget.h"
-
 namespace tarn {
 
 struct SSMData {
@@ -36,30 +34,8 @@ struct SSMData {
   std::string unfit_cells;
 };
 
-// What reading may take: the memory the run may use, and the bytes that each
-// time point of the table adds to the run beyond the table (its filters'
-// tables).
-struct ReadBudget {
-  double memory_bytes = memory_limit_bytes();
-  double bytes_per_time_point = 0.0;
-};
-
-// Reads the table from the named file, or from standard input for null.
-// Ends the process on malformed input, and on a time grid that does not fit
-// the budget, before allocating it.
-std::unique_ptr<SSMData> read_file(const char* file_name, const ReadBudget& budget = {});
-
-// Writes the "--- INPUT DATA ---" report to the log.
-void SSMData_print_summary(const SSMData* data);
-
-// Ends the process when the table has no object or no sample to work on.
-void SSMData_require_samples(const SSMData* data);
-
 // Centres every object: over each replicate (each_replicate = 1) or over all
 // samples (each_replicate = 0). Missing cells are left alone.
 void SSMData_node_mean_shift(SSMData* data, int each_replicate);
-
-// "name (line n)" of object i, for messages.
-std::string SSMData_object_label(const SSMData* data, int i);
 
 }  // namespace tarn

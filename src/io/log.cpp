@@ -6,7 +6,16 @@
 namespace tarn {
 
 std::FILE* TARN_ERR = stderr;
-void (*tarn_fatal_hook)() = nullptr;
+
+void print_error(const std::string& message) {
+  std::FILE* out = TARN_ERR != nullptr ? TARN_ERR : stderr;
+  const auto print_on = [&message](std::FILE* fp) {
+    return std::fputs(message.c_str(), fp) >= 0 && std::fputc('\n', fp) != EOF &&
+           std::fflush(fp) == 0;
+  };
+  // A log file that cannot take the message (a full disk) must not lose it.
+  if (!print_on(out) && out != stderr) print_on(stderr);
+}
 
 void tarn_fatal(const char* fmt, ...) {
   std::FILE* out = TARN_ERR != nullptr ? TARN_ERR : stderr;
@@ -22,7 +31,6 @@ void tarn_fatal(const char* fmt, ...) {
     std::fflush(stderr);
   }
   va_end(again);
-  if (tarn_fatal_hook != nullptr) tarn_fatal_hook();
   // Other threads may still be running: flush what is buffered and leave
   // without running static destructors under them.
   std::fflush(nullptr);

@@ -9,18 +9,19 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 #include "io/convert.h"
-#include "io/log.h"
 #include "io/memory_budget.h"
+#include "io/read_errors.h"
 #include "io/read_line.h"
 #include "linalg/heap_array.h"
 #include "linalg/matrix.h"
 
 namespace tarn {
 
-void SSM_write_fp(const SSM* ssm, int p, int k, std::FILE* fp) {
+void write_model(const SSM* ssm, int p, int k, std::FILE* fp) {
   std::fprintf(fp, "SSM_p_k\t1\t2\n%d\t%d\n\n", p, k);
   Matrix_write_labelled(fp, "SSM::exp", ssm->exp, k, 1);
   Matrix_write_labelled(fp, "SSM::var", ssm->var, k, k);
@@ -61,7 +62,7 @@ struct LineReader {
 
   // False at the end of input, where line and number stay as they were.
   bool next() {
-    if (Str_readline(fp, line) != 0) return false;
+    if (!read_line(fp, line)) return false;
     ++number;
     return true;
   }
@@ -106,129 +107,130 @@ std::string shown(std::string_view s) {
   return out;
 }
 
-[[noreturn]] void fail_parameters() {
-  tarn_fatal("ERROR: Failed to read the SSM parameters.\n");
+Status line_unexpected(const LineReader& in, const char* expected, const char* label) {
+  return read_error::model_line_unexpected(in.number, expected, label, shown(in.line));
 }
 
-[[noreturn]] void fail_found(const LineReader& in, const char* expected, const char* label) {
-  tarn_fatal("ERROR: SSM model file, line %d: %s %s expected, found \"%s\".\n", in.number, expected,
-             label, shown(in.line).c_str());
-}
-
-// Reads a line that the block still needs, or ends the run at the end of input.
-void next_in_block(LineReader& in, const char* label) {
-  if (!in.next()) {
-    tarn_fatal("ERROR: SSM model file, line %d: the file ends before block %s is complete.\n",
-               in.number + 1, label);
-  }
+// Reads a line that the block still needs; fails at the end of input.
+Status next_in_block(LineReader& in, const char* label) {
+  if (!in.next()) return read_error::model_ends_early(in.number + 1, label);
+  return {};
 }
 
 // A header is any line with text whose first cell is not a number.
-void read_header(LineReader& in, const char* label) {
-  next_in_block(in, label);
+Status read_header(LineReader& in, const char* label) {
+  if (Status read = next_in_block(in, label); !read.ok()) return read;
   const std::string_view first = std::string_view(in.line).substr(0, in.line.find('\t'));
-  if (is_blank(in.line) || number_in(first)) fail_found(in, "header of block", label);
+  if (is_blank(in.line) || number_in(first)) return line_unexpected(in, "header of block", label);
+  return {};
 }
 
 // The first b.cols cells of the next line into row i; later cells are ignored.
 // A row of no columns (k = 0) is whatever line stands there, empty as written.
-void read_row(LineReader& in, const Block& b, int i) {
-  next_in_block(in, b.label);
-  if (b.cols > 0 && is_blank(in.line)) fail_found(in, "row of block", b.label);
+Status read_row(LineReader& in, const Block& b, int i) {
+  if (Status read = next_in_block(in, b.label); !read.ok()) return read;
+  if (b.cols > 0 && is_blank(in.line)) return line_unexpected(in, "row of block", b.label);
   std::string_view rest = in.line;
   for (int j = 0; j < b.cols; ++j) {
     const std::size_t tab = rest.find('\t');
     const std::string_view cell = rest.substr(0, tab);
     const std::optional<double> v = number_in(cell);
-    if (!v) {
-      tarn_fatal("ERROR: SSM model file, line %d: not a number in block %s, column %d: \"%s\".\n",
-                 in.number, b.label, j + 1, shown(cell).c_str());
-    }
+    if (!v) return read_error::model_not_a_number(in.number, b.label, j + 1, shown(cell));
     b.A[i + static_cast<std::size_t>(j) * b.rows] = *v;
     if (j + 1 == b.cols) break;
     if (tab == std::string_view::npos) {
-      tarn_fatal("ERROR: SSM model file, line %d: too few cells in block %s: %d of %d.\n",
-                 in.number, b.label, j + 1, b.cols);
+      return read_error::model_too_few_cells(in.number, b.label, j + 1, b.cols);
     }
     rest.remove_prefix(tab + 1);
   }
+  return {};
 }
 
 // The empty line that ends a block; the last block's may be missing at the end.
-void read_block_end(LineReader& in, const char* label, bool last) {
-  if (last && !in.next()) return;
-  if (!last) next_in_block(in, label);
-  if (!is_blank(in.line)) fail_found(in, "empty line after block", label);
+Status read_block_end(LineReader& in, const char* label, bool last) {
+  if (last && !in.next()) return {};
+  if (!last) {
+    if (Status read = next_in_block(in, label); !read.ok()) return read;
+  }
+  if (!is_blank(in.line)) return line_unexpected(in, "empty line after block", label);
+  return {};
 }
 
 // Returns the line of the block's first row.
-int read_block(LineReader& in, const Block& b, bool last) {
-  read_header(in, b.label);
+Result<int> read_block(LineReader& in, const Block& b, bool last) {
+  if (Status header = read_header(in, b.label); !header.ok()) return header;
   const int first_row = in.number + 1;
-  for (int i = 0; i < b.rows; ++i) read_row(in, b, i);
-  read_block_end(in, b.label, last);
+  for (int i = 0; i < b.rows; ++i) {
+    if (Status row = read_row(in, b, i); !row.ok()) return row;
+  }
+  if (Status end = read_block_end(in, b.label, last); !end.ok()) return end;
   return first_row;
 }
 
 // Line 1 unread, "p\tk" on line 2, and the empty line 3 that ends the pair.
-std::pair<int, int> read_dimensions(LineReader& in, double memory_bytes) {
+Result<std::pair<int, int>> read_dimensions(LineReader& in, double memory_bytes) {
   in.next();
-  if (!in.next() || in.line.empty()) fail_parameters();
+  if (!in.next() || in.line.empty()) return read_error::model_parameters();
   const int p = tarn_atoi(in.line.c_str());
   const char* tab = std::strchr(in.line.c_str(), '\t');
-  if (tab == nullptr) fail_parameters();
+  if (tab == nullptr) return read_error::model_parameters();
   const int k = tarn_atoi(tab + 1);
-  if (p < 0 || k < 0) fail_parameters();
+  if (p < 0 || k < 0) return read_error::model_parameters();
   // The model, and the least that applying it takes (one state of the
   // filter's tables and the scratch), must fit before anything is allocated.
   const double need = SSM_bytes(p, k) + SSMWork_bytes(p, k, 0) + SSMState_bytes(k, 0);
-  const double limit = memory_bytes;
-  if (need > limit) {
-    tarn_fatal(
-        "ERROR: SSM dimensions too large: p = %d, dim = %d (the model needs at least %s of "
-        "memory, more than the %s this run may use).\n",
-        p, k, format_bytes(need).c_str(), format_bytes(limit).c_str());
-  }
-  read_block_end(in, "SSM_p_k", false);
-  return {p, k};
+  if (need > memory_bytes) return read_error::model_too_large(p, k, need, memory_bytes);
+  if (Status end = read_block_end(in, "SSM_p_k", false); !end.ok()) return end;
+  return std::pair{p, k};
 }
 
-// Ends the run unless element (i, j) of b, which stands on the given line, is
-// finite and, where it is a variance, positive.
-void require_usable_value(const Block& b, int i, int j, int line) {
+// Fails unless element (i, j) of b, which stands on the given line, is finite
+// and, where it is a variance, positive.
+Status check_value(const Block& b, int i, int j, int line) {
   const double v = b.A[i + static_cast<std::size_t>(j) * b.rows];
   const bool variance =
       b.variances == Variances::kAll || (b.variances == Variances::kDiagonal && i == j);
-  if (std::isfinite(v) && (!variance || v > 0.0)) return;
-  const std::string column = b.cols > 1 ? ", column " + std::to_string(j + 1) : "";
-  tarn_fatal("ERROR: The SSM model is not usable: %s at line %d%s is %g%s.\n", b.label, line,
-             column.c_str(), v, std::isfinite(v) ? " (variances must be positive)" : "");
+  if (std::isfinite(v) && (!variance || v > 0.0)) return {};
+  return read_error::model_not_usable(b.label, line, b.cols > 1 ? j + 1 : 0, v);
 }
 
 }  // namespace
 
-std::unique_ptr<SSM> SSM_read_fp(std::FILE* fp, int* p_out, int* k_out, SSMFileLines* lines,
-                                 double memory_bytes) {
+Result<StoredModel> read_model(std::FILE* fp, double memory_bytes) {
   LineReader in{fp, {}, 0};
-  const auto [p, k] = read_dimensions(in, memory_bytes);
-  auto ssm = SSM_new(p, k);
-  const auto blocks = blocks_of(ssm.get(), p, k);
+  const Result<std::pair<int, int>> dimensions = read_dimensions(in, memory_bytes);
+  if (!dimensions.ok()) return dimensions.status();
+  StoredModel model;
+  std::tie(model.p, model.k) = dimensions.value();
+  model.ssm = SSM_new(model.p, model.k);
+  const auto blocks = blocks_of(model.ssm.get(), model.p, model.k);
   for (std::size_t b = 0; b < blocks.size(); ++b) {
-    const int first_row = read_block(in, blocks[b], b + 1 == blocks.size());
-    if (lines != nullptr) lines->first_row[b] = first_row;
+    const Result<int> first_row = read_block(in, blocks[b], b + 1 == blocks.size());
+    if (!first_row.ok()) return first_row.status();
+    model.lines.first_row[b] = first_row.value();
   }
-  *p_out = p;
-  *k_out = k;
-  return ssm;
+  return model;
 }
 
-void SSM_require_usable(const SSM* ssm, int p, int k, const SSMFileLines& lines) {
-  const auto blocks = blocks_of(ssm, p, k);
+Result<StoredModel> read_model_file(const char* file_name, double memory_bytes) {
+  std::FILE* fp = std::fopen(file_name, "r");
+  if (fp == nullptr) return read_error::cannot_open(file_name);
+  Result<StoredModel> model = read_model(fp, memory_bytes);
+  std::fclose(fp);
+  return model;
+}
+
+Status check_usable(const StoredModel& model) {
+  const auto blocks = blocks_of(model.ssm.get(), model.p, model.k);
   for (std::size_t b = 0; b < blocks.size(); ++b) {
-    for (int i = 0; i < blocks[b].rows; ++i)
-      for (int j = 0; j < blocks[b].cols; ++j)
-        require_usable_value(blocks[b], i, j, lines.first_row[b] + i);
+    for (int i = 0; i < blocks[b].rows; ++i) {
+      for (int j = 0; j < blocks[b].cols; ++j) {
+        const Status value = check_value(blocks[b], i, j, model.lines.first_row[b] + i);
+        if (!value.ok()) return value;
+      }
+    }
   }
+  return {};
 }
 
 }  // namespace tarn

@@ -13,13 +13,13 @@ bool finish_cr(std::FILE* fp) {
   return false;
 }
 
-int read_line_locked(std::FILE* fp, std::string& line) {
+bool read_line_locked(std::FILE* fp, std::string& line) {
   int c = getc_unlocked(fp);
-  if (c == EOF) return 1;
+  if (c == EOF) return false;
   if (c == '\r') {
-    if (finish_cr(fp)) return 1;  // a lone CR at the very end is no line
+    if (finish_cr(fp)) return false;  // a lone CR at the very end is no line
     line.clear();
-    return 0;
+    return true;
   }
   line.clear();
   char chunk[1024];
@@ -34,16 +34,16 @@ int read_line_locked(std::FILE* fp, std::string& line) {
   }
   line.append(chunk, n);
   if (c == '\r') finish_cr(fp);
-  return 0;
+  return true;
 }
 
 }  // namespace
 
-int Str_readline(std::FILE* fp, std::string& line) {
+bool read_line(std::FILE* fp, std::string& line) {
   flockfile(fp);
-  const int status = read_line_locked(fp, line);
+  const bool delivered = read_line_locked(fp, line);
   funlockfile(fp);
-  return status;
+  return delivered;
 }
 
 }  // namespace tarn

@@ -1,3 +1,5 @@
+#include "io/read_table.h"
+
 #include <strings.h>
 
 #include <algorithm>
@@ -7,14 +9,14 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
 
-#include "core/data_set.h"
-#include "io/convert.h"
 #include "io/log.h"
 #include "io/memory_budget.h"
+#include "io/read_errors.h"
 #include "io/read_line.h"
 
 namespace tarn {
@@ -130,15 +132,14 @@ struct TableReader {
   // One label as atoi reads it; a value beyond int is refused, and a cell
   // that is empty (atoi then reads the next one) or not a whole number is
   // noted.
-  int read_label(const char* b, std::size_t column, Tally* odd) {
+  Result<int> read_label(const char* b, std::size_t column, Tally* odd) {
     errno = 0;
     const long long v = std::strtoll(b, nullptr, 10);
     if (errno == ERANGE || v > INT_MAX || v < INT_MIN) {
       // Where the number stands: atoi skips blanks and tabs before it.
       const char* at = b;
       for (; *at == ' ' || *at == '\t'; ++at) column += *at == '\t' ? 1 : 0;
-      tarn_fatal("ERROR: Label too large for an integer at line %d, column %zu: \"%s\".\n", line_no,
-                 column, cell_text(at).c_str());
+      return read_error::label_too_large(line_no, column, cell_text(at));
     }
     const int label = static_cast<int>(v);
     const std::string text = cell_text(b);
@@ -152,50 +153,51 @@ struct TableReader {
     return label;
   }
 
-  void header_line(const char* start) {
+  Status header_line(const char* start) {
     const char* tab = std::strchr(start, '\t');
-    if (tab == nullptr) {
-      tarn_fatal("ERROR: Header line without a tab: line %d\n", line_no);
-    }
+    if (tab == nullptr) return read_error::header_without_tab(line_no);
     const std::string name = strip(start, tab);
-    if (name.empty() || name[0] != '@') return;
+    if (name.empty() || name[0] != '@') return {};
     const char* key = name.c_str() + 1;
     const bool is_time = strcasecmp(key, primary_key.c_str()) == 0;
-    if (!is_time && strcasecmp(key, secondary_key.c_str()) != 0) return;
+    if (!is_time && strcasecmp(key, secondary_key.c_str()) != 0) return {};
     if (is_time && time_line == 0) time_line = line_no;
     Tally* odd = is_time ? &odd_time_labels : &odd_replicate_labels;
     std::size_t column = 1;
     for (const char* t = tab; t != nullptr; t = std::strchr(t + 1, '\t')) {
-      const int label = read_label(t + 1, ++column, odd);
+      const Result<int> label = read_label(t + 1, ++column, odd);
+      if (!label.ok()) return label.status();
       if (is_time) {
-        time_labels.push_back(label);
+        time_labels.push_back(label.value());
       } else {
-        add_replicate_label(label);
+        add_replicate_label(label.value());
       }
     }
     const std::vector<int>& labels = is_time ? time_labels : replicate_labels;
     const std::vector<int>& other = is_time ? replicate_labels : time_labels;
     if (!other.empty() && other.size() != labels.size()) {
-      tarn_fatal("ERROR: Inconsistent number of columns: line %d\n", line_no);
+      return read_error::header_columns(line_no);
     }
+    return {};
   }
 
-  void first_data_row(const char* start) {
+  Status first_data_row(const char* start) {
     state = 2;
     if (replicate_labels.empty()) {
       replicate_labels.assign(time_labels.size(), 1);
       distinct_labels.assign(1, 1);
       distinct_seen = {1};
     }
-    data_row(start);
+    return data_row(start);
   }
 
-  // One cell as strtod reads it; an empty cell (which takes the next cell's
-  // number) and text after the number are noted.
-  double read_cell(const char* b, std::size_t column) {
+  // One cell as strtod reads it, or nothing where no number begins; an empty
+  // cell (which takes the next cell's number) and text after the number are
+  // noted.
+  std::optional<double> read_cell(const char* b, std::size_t column) {
     char* end = nullptr;
     const double v = std::strtod(b, &end);
-    if (end == b) tarn_fatal("ERROR: Unrecognizable character found at line %d\n", line_no);
+    if (end == b) return std::nullopt;
     if (!std::isnan(v) && !(std::isfinite(v) && std::isfinite(v * v))) {
       unfit_cells.note(line_no, column, [v] { return "read as " + shown(v); });
     }
@@ -208,7 +210,7 @@ struct TableReader {
     return v;
   }
 
-  void data_row(const char* start) {
+  Status data_row(const char* start) {
     ++rows;
     row_lines.push_back(line_no);
     const char* name_end = std::strchr(start, '\t');
@@ -216,18 +218,20 @@ struct TableReader {
     names.emplace_back(start, std::min(name_length, kMaxNameLength));
     std::size_t n = 0;
     for (const char* t = name_end; t != nullptr; t = std::strchr(t + 1, '\t')) {
-      cells.push_back(read_cell(t + 1, n + 2));
+      const std::optional<double> v = read_cell(t + 1, n + 2);
+      if (!v) return read_error::unrecognizable_cell(line_no);
+      cells.push_back(*v);
       ++n;
     }
     if (n != time_labels.size()) {
-      std::fprintf(TARN_ERR, "ERROR: Inconsistent number of columns: line %d\n", line_no);
-      tarn_fatal("     :   %d (previous) vs %d (now).\n", static_cast<int>(time_labels.size()),
-                 static_cast<int>(n));
+      return read_error::row_columns(line_no, static_cast<int>(time_labels.size()),
+                                     static_cast<int>(n));
     }
+    return {};
   }
 
-  void line(std::string& text) {
-    if (!text.empty() && text[0] == '#') return;
+  Status line(std::string& text) {
+    if (!text.empty() && text[0] == '#') return {};
     std::size_t b = 0;
     while (b < text.size() && is_blank(text[b])) ++b;
     std::size_t e = text.size();
@@ -237,52 +241,43 @@ struct TableReader {
     const char c = *start;
     if (state == 0 && c == '@') {
       state = 1;
-      header_line(start);
-    } else if (state == 0 && c == '$') {
-      meta_line(start);
-    } else if (state == 1 && (c == '@' || c == '$')) {
-      header_line(start);
-    } else if (state != 2) {
-      first_data_row(start);
-    } else {
-      data_row(start);
+      return header_line(start);
     }
+    if (state == 0 && c == '$') {
+      meta_line(start);
+      return {};
+    }
+    if (state == 1 && (c == '@' || c == '$')) return header_line(start);
+    if (state != 2) return first_data_row(start);
+    return data_row(start);
   }
 
-  void check_labels() const {
+  Status check_labels() const {
     if (replicate_labels.size() != time_labels.size()) {
-      if (replicate_labels.empty()) {
-        tarn_fatal(
-            "ERROR: The columns have no replicate labels: the input has a time line but neither "
-            "a replicate line nor data rows.\n");
-      }
-      tarn_fatal(
-          "ERROR: The columns have no time labels: the input has a replicate line but neither a "
-          "time line nor data rows.\n");
+      return replicate_labels.empty() ? read_error::no_replicate_labels()
+                                      : read_error::no_time_labels();
     }
     for (const int t : time_labels) {
-      if (t < 1) tarn_fatal("ERROR: Time label out of range: %d (time labels count from 1).\n", t);
+      if (t < 1) return read_error::time_label_out_of_range(t);
     }
     for (const int r : replicate_labels) {
-      if (r < 0) tarn_fatal("ERROR: Negative replicate label: %d.\n", r);
+      if (r < 0) return read_error::negative_replicate_label(r);
     }
+    return {};
   }
 
   // The replicate-by-time table holds a slot for every pair, and the filters
   // a state for every time point: a grid that cannot fit is refused before
   // anything is allocated for it.
-  void check_grid_fits(int T, int p, const ReadBudget& budget) const {
+  Status check_grid_fits(int T, int p, const ReadBudget& budget) const {
     const double slots = static_cast<double>(distinct_labels.size()) * T;
     const double data = 2.0 * static_cast<double>(cells.size()) * sizeof(double);
     const double need = slots * sizeof(int) + data + budget.bytes_per_time_point * T;
     const double limit = budget.memory_bytes;
     if (need > limit) {
-      tarn_fatal(
-          "ERROR: The job needs about %s of memory (%d objects, %d time points in %zu replicates), "
-          "more than the %s this run may use: number the time points 1, 2, 3, ..., or use a "
-          "smaller -d or fewer --threads.\n",
-          format_bytes(need).c_str(), p, T, distinct_labels.size(), format_bytes(limit).c_str());
+      return read_error::grid_too_large(need, p, T, distinct_labels.size(), limit);
     }
+    return {};
   }
 
   std::vector<std::string> doubts(const SSMData& data, const Tally& repeated_pairs) const {
@@ -327,7 +322,7 @@ struct TableReader {
     return out;
   }
 
-  std::unique_ptr<SSMData> finish(const ReadBudget& budget) const {
+  Result<std::unique_ptr<SSMData>> finish(const ReadBudget& budget) const {
     auto data = std::make_unique<SSMData>();
     data->p = rows;
     data->n_replicates = static_cast<int>(distinct_labels.size());
@@ -337,9 +332,9 @@ struct TableReader {
     data->T = T;
     const std::size_t p = static_cast<std::size_t>(data->p);
     const std::size_t n_samples = static_cast<std::size_t>(data->n_samples);
-    if (p * n_samples != cells.size()) tarn_fatal("ERROR: Input file broken.\n");
-    check_labels();
-    check_grid_fits(T, data->p, budget);
+    if (p * n_samples != cells.size()) return read_error::table_broken();
+    if (Status labels = check_labels(); !labels.ok()) return labels;
+    if (Status fits = check_grid_fits(T, data->p, budget); !fits.ok()) return fits;
 
     std::unordered_map<int, int> replicate_index;
     for (std::size_t i = 0; i < distinct_labels.size(); ++i) {
@@ -399,51 +394,47 @@ struct TableReader {
 
 }  // namespace
 
-std::unique_ptr<SSMData> read_file(const char* file_name, const ReadBudget& budget) {
-  // A named file is closed also when a fatal error unwinds through the reader
-  // (tarn_fatal_hook); standard input stays open.
-  const auto close_named = [](std::FILE* f) {
-    if (f != stdin) std::fclose(f);
-  };
-  std::unique_ptr<std::FILE, decltype(close_named)> fp(stdin, close_named);
-  if (file_name == nullptr) {
-    std::fprintf(TARN_ERR, "Reading input data from the standard input.\n");
-  } else {
-    std::fprintf(TARN_ERR, "Reading input data file: %s\n", file_name);
-    std::FILE* named = std::fopen(file_name, "r");
-    if (named == nullptr) tarn_fatal("ERROR: Cannot open file: %s\n", file_name);
-    fp.reset(named);
-  }
+Result<std::unique_ptr<SSMData>> read_table(std::FILE* fp, const ReadBudget& budget) {
   TableReader reader;
   std::string text;
-  while (Str_readline(fp.get(), text) == 0) {
+  while (read_line(fp, text)) {
     ++reader.line_no;
-    reader.line(text);
+    if (Status read = reader.line(text); !read.ok()) return read;
   }
-  fp.reset();
   return reader.finish(budget);
 }
 
-void SSMData_print_summary(const SSMData* data) {
+Result<std::unique_ptr<SSMData>> read_table_file(const char* file_name, const ReadBudget& budget) {
+  if (file_name == nullptr) {
+    std::fprintf(TARN_ERR, "Reading input data from the standard input.\n");
+    return read_table(stdin, budget);
+  }
+  std::fprintf(TARN_ERR, "Reading input data file: %s\n", file_name);
+  std::FILE* fp = std::fopen(file_name, "r");
+  if (fp == nullptr) return read_error::cannot_open(file_name);
+  Result<std::unique_ptr<SSMData>> table = read_table(fp, budget);
+  std::fclose(fp);
+  return table;
+}
+
+void print_table_summary(const SSMData& data) {
   std::fprintf(TARN_ERR, "--- INPUT DATA ---------\n");
-  std::fprintf(TARN_ERR, " observed samples = %d\n", data->n_samples);
-  std::fprintf(TARN_ERR, " objects = %d\n", data->p);
-  std::fprintf(TARN_ERR, " time points = %d\n", data->T);
-  std::fprintf(TARN_ERR, " replicates = %d\n", data->n_replicates);
+  std::fprintf(TARN_ERR, " observed samples = %d\n", data.n_samples);
+  std::fprintf(TARN_ERR, " objects = %d\n", data.p);
+  std::fprintf(TARN_ERR, " time points = %d\n", data.T);
+  std::fprintf(TARN_ERR, " replicates = %d\n", data.n_replicates);
   std::fprintf(TARN_ERR, "------------------------\n");
 }
 
-void SSMData_require_samples(const SSMData* data) {
-  if (data->p < 1 || data->n_samples < 1) {
-    tarn_fatal("ERROR: The input data has no objects or no samples.\n");
-  }
+Status check_samples(const SSMData& data) {
+  if (data.p < 1 || data.n_samples < 1) return read_error::no_samples();
+  return {};
 }
 
-std::string SSMData_object_label(const SSMData* data, int i) {
+std::string object_label(const SSMData& data, int i) {
   const auto at = static_cast<std::size_t>(i);
-  if (at >= data->names.size() || at >= data->lines.size())
-    return "object " + std::to_string(i + 1);
-  return "\"" + data->names[at] + "\" (line " + std::to_string(data->lines[at]) + ")";
+  if (at >= data.names.size() || at >= data.lines.size()) return "object " + std::to_string(i + 1);
+  return "\"" + data.names[at] + "\" (line " + std::to_string(data.lines[at]) + ")";
 }
 
 }  // namespace tarn

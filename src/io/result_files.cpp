@@ -78,7 +78,7 @@ void SSMResult_output(const SSMResult* result, const char* prefix, const char* s
   std::fflush(TARN_ERR);
   OutputFile file = open_result(name, files);
   warn_if_R_loses_digits(result->ssm->R, p, kModelPrecision, name);
-  SSM_write_fp(result->ssm, p, k, file.fp);
+  write_model(result->ssm, p, k, file.fp);
   Matrix_write_labelled(file.fp, "SSMResult::D", result->D, k, p);
   Matrix_write_labelled(file.fp, "SSMResult::L", result->L, k, 1);
   OutputFile_commit(&file, files);

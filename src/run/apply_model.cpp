@@ -4,6 +4,7 @@
 #include "io/log.h"
 #include "io/memory_budget.h"
 #include "io/model_file.h"
+#include "io/read_table.h"
 #include "io/result_writers.h"
 #include "linalg/blas.h"
 #include "linalg/matrix.h"
@@ -11,14 +12,6 @@
 namespace tarn {
 
 namespace {
-
-std::unique_ptr<SSM> read_model(const char* ssm_file, int* p, int* k, SSMFileLines* lines) {
-  std::FILE* fp = std::fopen(ssm_file, "r");
-  if (fp == nullptr) tarn_fatal("ERROR: Cannot open file: %s\n", ssm_file);
-  auto ssm = SSM_read_fp(fp, p, k, lines);
-  std::fclose(fp);
-  return ssm;
-}
 
 // One filter and smoother sweep over the replicates under the stored model,
 // accumulating w Xs[0] in vec_k. The smoother uses vec_k as its scratch too,
@@ -54,24 +47,25 @@ void require_memory(int p, int k, const SSMData* data) {
 
 }  // namespace
 
-void apply_Kalman(const char* ssm_file, const SSMData* data, int update_mu, const char* prefix,
-                  const char* suffix, int id, int each, int output_option) {
+Status apply_Kalman(const char* ssm_file, const SSMData* data, int update_mu, const char* prefix,
+                    const char* suffix, int id, int each, int output_option) {
   std::fprintf(TARN_ERR, "Reading the SSM model parameters from the file: %s\n", ssm_file);
   std::fflush(TARN_ERR);
-  int p = 0;
-  int k = 0;
-  SSMFileLines lines;
-  const auto ssm = read_model(ssm_file, &p, &k, &lines);
+  Result<StoredModel> model = read_model_file(ssm_file);
+  if (!model.ok()) return model.status();
+  const int p = model->p;
+  const int k = model->k;
+  const auto& ssm = model->ssm;
   std::fprintf(TARN_ERR, "  Done. p = %d, dim = %d.\n", p, k);
   std::fflush(TARN_ERR);
   if (p != data->p) {
     std::fprintf(TARN_ERR, "ERROR: Number of objects inconsistent.\n");
     tarn_fatal("     :  input data: %d  vs  input SSM: %d\n", data->p, p);
   }
-  SSMData_print_summary(data);
-  SSMData_require_samples(data);
+  print_table_summary(*data);
+  if (Status samples = check_samples(*data); !samples.ok()) return samples;
   if (k < 1) tarn_fatal("ERROR: State dimension must be 1 or more: %d\n", k);
-  SSM_require_usable(ssm.get(), p, k, lines);
+  if (Status usable = check_usable(model.value()); !usable.ok()) return usable;
   require_memory(p, k, data);
 
   auto state = SSMState_new(k, data->T);
@@ -86,6 +80,7 @@ void apply_Kalman(const char* ssm_file, const SSMData* data, int update_mu, cons
     Kalman_apply_output(ssm.get(), k, data, state.get(), work.get(), prefix, suffix, id,
                         output_option);
   }
+  return {};
 }
 
 }  // namespace tarn

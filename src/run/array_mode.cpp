@@ -1,6 +1,7 @@
 #include "core/em.h"
 #include "io/log.h"
 #include "io/model_files.h"
+#include "io/read_table.h"
 #include "run/em_starts.h"
 #include "run/modes.h"
 #include "run/records.h"
@@ -22,8 +23,9 @@ void single_set(const Args* args, const SSMData* data) {
     return;
   }
   if (args->id < 1) tarn_fatal("ERROR: The job ID (-i) must be 1 or more: %d\n", args->id);
-  SSMData_print_summary(data);
-  SSMData_require_samples(data);
+  print_table_summary(*data);
+  if (const Status samples = check_samples(*data); !samples.ok())
+    tarn_fatal("%s\n", samples.message().c_str());
 
   // Ids 1 .. sets work on dims[0], the next sets ids on dims[1], and so on.
   const int q = (args->id - 1) / args->sets;

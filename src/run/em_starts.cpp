@@ -30,7 +30,7 @@ SSMResult estimate_with_retries(const SSMEMParam* em, const SSMInit* init, const
   int count = 0;
   for (;;) {
     SSM_init(working, init, data->p, k, data->Y.data(), data->n_samples);
-    if (em->verbose > 0) SSM_write_fp(working, data->p, k, TARN_ERR);
+    if (em->verbose > 0) write_model(working, data->p, k, TARN_ERR);
     const SSMResult res = SSM_EM_algo(em, working, state_store, suff_a, suff_b, data, k, work);
     if (em->retry >= 0 && count >= em->retry) {
       warn_retry_limit();

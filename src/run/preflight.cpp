@@ -8,6 +8,7 @@
 #include "core/initial_model.h"
 #include "core/ssm.h"
 #include "io/memory_budget.h"
+#include "io/read_table.h"
 #include "run/records.h"
 
 namespace tarn {
@@ -187,7 +188,7 @@ Findings check_objects(const Args& args, const SSMData& data) {
                      " no positive, finite variance to start from (no observed value, a single "
                      "one, constant values, or values too large): ";
   for (int j = 0; j < std::min(n, kObjectsNamed); ++j) {
-    text += (j > 0 ? ", " : "") + SSMData_object_label(&data, bad[static_cast<std::size_t>(j)]);
+    text += (j > 0 ? ", " : "") + object_label(data, bad[static_cast<std::size_t>(j)]);
   }
   if (n > kObjectsNamed) text += " and " + std::to_string(n - kObjectsNamed) + " more";
   text += ". Every start fails on such an object: remove these rows, or try another --shift.";

@@ -1,6 +1,7 @@
 #include "core/em.h"
 #include "io/log.h"
 #include "io/model_files.h"
+#include "io/read_table.h"
 #include "run/em_starts.h"
 #include "run/modes.h"
 #include "run/records.h"
@@ -13,8 +14,9 @@ void single_one(const Args* args, const SSMData* data) {
   std::fprintf(TARN_ERR, "*******************************\n");
   std::fprintf(TARN_ERR, "**   Single Execution Mode   **\n");
   std::fprintf(TARN_ERR, "*******************************\n");
-  SSMData_print_summary(data);
-  SSMData_require_samples(data);
+  print_table_summary(*data);
+  if (const Status samples = check_samples(*data); !samples.ok())
+    tarn_fatal("%s\n", samples.message().c_str());
   const int max_k = max_dimension(args);
   std::fprintf(TARN_ERR, "Max dimemsion = %d\n", max_k);
   require_dimensions(args);

@@ -6,6 +6,7 @@
 #include "core/initial_model.h"
 #include "io/log.h"
 #include "io/model_files.h"
+#include "io/read_table.h"
 #include "run/modes.h"
 #include "run/records.h"
 #include "run/set_table.h"
@@ -80,8 +81,9 @@ void thread(const Args* args, const SSMData* data) {
   std::fprintf(TARN_ERR, "*******************************\n");
   std::fprintf(TARN_ERR, "Number of threads = %d\n", args->threads);
   omp_set_num_threads(args->threads);
-  SSMData_print_summary(data);
-  SSMData_require_samples(data);
+  print_table_summary(*data);
+  if (const Status samples = check_samples(*data); !samples.ok())
+    tarn_fatal("%s\n", samples.message().c_str());
   const int max_k = max_dimension(args);
   std::fprintf(TARN_ERR, "Max dimemsion = %d\n", max_k);
   std::fprintf(TARN_ERR, "Total single tasks = %d\n", args->iterations * args->sets * args->n_dims);

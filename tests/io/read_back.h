@@ -110,9 +110,11 @@ inline dense_ref::Data read_centred(const std::string& path) {
 inline dense_ref::Model read_model(const std::filesystem::path& path) {
   std::FILE* fp = std::fopen(path.c_str(), "r");
   if (fp == nullptr) throw std::runtime_error("no model file " + path.string());
-  int p = 0, k = 0;
-  const auto ssm = SSM_read_fp(fp, &p, &k);
+  const Result<StoredModel> model = tarn::read_model(fp);
   std::fclose(fp);
+  if (!model.ok()) throw std::runtime_error(model.status().message());
+  const int p = model->p, k = model->k;
+  const auto& ssm = model->ssm;
   using dense_ref::Mat;
   return dense_ref::Model(p, k, Mat(k, 1, ssm->exp), Mat(k, k, ssm->var), Mat(p, k, ssm->H),
                           Mat(p, 1, ssm->R), Mat(k, k, ssm->F), Mat(k, 1, ssm->Q));

@@ -54,7 +54,7 @@ std::string data_text(int p, int T, int n_rep, std::mt19937_64& rng) {
 
 void write_model(const std::filesystem::path& path, const Model& m) {
   std::FILE* fp = std::fopen(path.c_str(), "w");
-  SSM_write_fp(to_ssm(m).get(), m.p, m.k, fp);
+  write_model(to_ssm(m).get(), m.p, m.k, fp);
   std::fclose(fp);
 }
 
