@@ -11,23 +11,24 @@
 #include <string_view>
 #include <utility>
 
+#include "core/trajectory.h"
+#include "core/workspace.h"
 #include "io/convert.h"
 #include "io/log.h"
+#include "io/matrix_text.h"
 #include "io/memory_budget.h"
 #include "io/read_line.h"
-#include "linalg/heap_array.h"
-#include "linalg/matrix.h"
 
 namespace tarn {
 
-void SSM_write_fp(const SSM* ssm, int p, int k, std::FILE* fp) {
+void SSM_write_fp(const StateSpaceModel* ssm, int p, int k, std::FILE* fp) {
   std::fprintf(fp, "SSM_p_k\t1\t2\n%d\t%d\n\n", p, k);
-  Matrix_write_labelled(fp, "SSM::exp", ssm->exp, k, 1);
-  Matrix_write_labelled(fp, "SSM::var", ssm->var, k, k);
-  Matrix_write_labelled(fp, "SSM::H", ssm->H, p, k);
-  Matrix_write_labelled(fp, "SSM::R", ssm->R, p, 1);
-  Matrix_write_labelled(fp, "SSM::F", ssm->F, k, k);
-  Matrix_write_labelled(fp, "SSM::Q", ssm->Q, k, 1);
+  write_labelled_matrix(fp, "SSM::exp", ssm->initial_mean.data(), k, 1);
+  write_labelled_matrix(fp, "SSM::var", ssm->initial_cov.data(), k, k);
+  write_labelled_matrix(fp, "SSM::H", ssm->H.data(), p, k);
+  write_labelled_matrix(fp, "SSM::R", ssm->R.data(), p, 1);
+  write_labelled_matrix(fp, "SSM::F", ssm->F.data(), k, k);
+  write_labelled_matrix(fp, "SSM::Q", ssm->Q.data(), k, 1);
 }
 
 namespace {
@@ -44,13 +45,13 @@ struct Block {
   Variances variances;
 };
 
-std::array<Block, 6> blocks_of(const SSM* ssm, int p, int k) {
-  return {{{"SSM::exp", ssm->exp, k, 1, Variances::kNone},
-           {"SSM::var", ssm->var, k, k, Variances::kDiagonal},
-           {"SSM::H", ssm->H, p, k, Variances::kNone},
-           {"SSM::R", ssm->R, p, 1, Variances::kAll},
-           {"SSM::F", ssm->F, k, k, Variances::kNone},
-           {"SSM::Q", ssm->Q, k, 1, Variances::kAll}}};
+std::array<Block, 6> blocks_of(StateSpaceModel* ssm, int p, int k) {
+  return {{{"SSM::exp", ssm->initial_mean.data(), k, 1, Variances::kNone},
+           {"SSM::var", ssm->initial_cov.data(), k, k, Variances::kDiagonal},
+           {"SSM::H", ssm->H.data(), p, k, Variances::kNone},
+           {"SSM::R", ssm->R.data(), p, 1, Variances::kAll},
+           {"SSM::F", ssm->F.data(), k, k, Variances::kNone},
+           {"SSM::Q", ssm->Q.data(), k, 1, Variances::kAll}}};
 }
 
 // The stream with the line last read and its number, counted from 1.
@@ -181,7 +182,7 @@ std::pair<int, int> read_dimensions(LineReader& in, double memory_bytes) {
   if (p < 0 || k < 0) fail_parameters();
   // The model, and the least that applying it takes (one state of the
   // filter's tables and the scratch), must fit before anything is allocated.
-  const double need = SSM_bytes(p, k) + SSMWork_bytes(p, k, 0) + SSMState_bytes(k, 0);
+  const double need = model_bytes(p, k) + workspace_bytes(p, k, false) + trajectory_bytes(k, 0);
   const double limit = memory_bytes;
   if (need > limit) {
     tarn_fatal(
@@ -207,11 +208,11 @@ void require_usable_value(const Block& b, int i, int j, int line) {
 
 }  // namespace
 
-std::unique_ptr<SSM> SSM_read_fp(std::FILE* fp, int* p_out, int* k_out, SSMFileLines* lines,
-                                 double memory_bytes) {
+std::unique_ptr<StateSpaceModel> SSM_read_fp(std::FILE* fp, int* p_out, int* k_out,
+                                             SSMFileLines* lines, double memory_bytes) {
   LineReader in{fp, {}, 0};
   const auto [p, k] = read_dimensions(in, memory_bytes);
-  auto ssm = SSM_new(p, k);
+  auto ssm = std::make_unique<StateSpaceModel>(p, k);
   const auto blocks = blocks_of(ssm.get(), p, k);
   for (std::size_t b = 0; b < blocks.size(); ++b) {
     const int first_row = read_block(in, blocks[b], b + 1 == blocks.size());
@@ -222,8 +223,9 @@ std::unique_ptr<SSM> SSM_read_fp(std::FILE* fp, int* p_out, int* k_out, SSMFileL
   return ssm;
 }
 
-void SSM_require_usable(const SSM* ssm, int p, int k, const SSMFileLines& lines) {
-  const auto blocks = blocks_of(ssm, p, k);
+void SSM_require_usable(const StateSpaceModel* ssm, int p, int k, const SSMFileLines& lines) {
+  // Read only.
+  const auto blocks = blocks_of(const_cast<StateSpaceModel*>(ssm), p, k);
   for (std::size_t b = 0; b < blocks.size(); ++b) {
     for (int i = 0; i < blocks[b].rows; ++i)
       for (int j = 0; j < blocks[b].cols; ++j)

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <memory>
 
-#include "core/ssm.h"
+#include "core/model.h"
 #include "io/memory_budget.h"
 
 namespace tarn {
@@ -16,7 +16,7 @@ struct SSMFileLines {
 };
 
 // Writes the blocks to fp; the stream is neither flushed nor closed.
-void SSM_write_fp(const SSM* ssm, int p, int k, std::FILE* fp);
+void SSM_write_fp(const StateSpaceModel* ssm, int p, int k, std::FILE* fp);
 
 // Reads a model by position: p and k from line 2, then every block with its
 // header line, one line of numbers per row and its closing empty line; a
@@ -26,13 +26,13 @@ void SSM_write_fp(const SSM* ssm, int p, int k, std::FILE* fp);
 // that is not a number, and before allocating on dimensions whose model and
 // least filter tables need more than memory_bytes. lines, when given,
 // receives the blocks' places.
-std::unique_ptr<SSM> SSM_read_fp(std::FILE* fp, int* p_out, int* k_out,
-                                 SSMFileLines* lines = nullptr,
-                                 double memory_bytes = memory_limit_bytes());
+std::unique_ptr<StateSpaceModel> SSM_read_fp(std::FILE* fp, int* p_out, int* k_out,
+                                             SSMFileLines* lines = nullptr,
+                                             double memory_bytes = memory_limit_bytes());
 
 // Ends the process when a value of the model is not finite, or a variance (an
 // element of R or Q, a diagonal element of var) is not positive, naming the
 // first such value by its block and its place in the file.
-void SSM_require_usable(const SSM* ssm, int p, int k, const SSMFileLines& lines);
+void SSM_require_usable(const StateSpaceModel* ssm, int p, int k, const SSMFileLines& lines);
 
 }  // namespace tarn

@@ -13,7 +13,7 @@
 #include <random>
 #include <vector>
 
-#include "core/ssm.h"
+#include "core/model.h"
 
 using namespace tarn;  // NOLINT(google-build-using-namespace)
 
@@ -26,6 +26,7 @@ struct Mat {
   Mat() = default;
   Mat(int r, int c) : rows(r), cols(c), a(static_cast<std::size_t>(r) * c, 0.0) {}
   Mat(int r, int c, const double* src) : Mat(r, c) { std::copy(src, src + a.size(), a.begin()); }
+  Mat(int r, int c, const Matrix& src) : Mat(r, c, src.data()) {}
   double& operator()(int i, int j) { return a[static_cast<std::size_t>(i + j * rows)]; }
   double operator()(int i, int j) const { return a[static_cast<std::size_t>(i + j * rows)]; }
 };
@@ -119,13 +120,17 @@ inline Model random_model(int p, int k, std::mt19937_64& rng) {
   return m;
 }
 
-// The model in an SSM made for state dimension max(alloc_k, k), packed with k.
-inline std::unique_ptr<SSM> to_ssm(const Model& m, int alloc_k = 0) {
-  auto ssm = SSM_new(m.p, std::max(alloc_k, m.k));
-  const std::pair<const Mat*, double*> fields[] = {{&m.exp, ssm->exp}, {&m.var, ssm->var},
-                                                   {&m.H, ssm->H},     {&m.R, ssm->R},
-                                                   {&m.F, ssm->F},     {&m.Q, ssm->Q}};
-  for (const auto& [src, dst] : fields) std::copy(src->a.begin(), src->a.end(), dst);
+// The model in a record made for max(alloc_k, k) states, packed for k.
+inline std::unique_ptr<StateSpaceModel> to_ssm(const Model& m, int alloc_k = 0) {
+  auto ssm = std::make_unique<StateSpaceModel>(m.p, std::max(alloc_k, m.k));
+  ssm->set_state_dimension(m.k);
+  const std::pair<const Mat*, Matrix*> fields[] = {{&m.exp, &ssm->initial_mean},
+                                                   {&m.var, &ssm->initial_cov},
+                                                   {&m.H, &ssm->H},
+                                                   {&m.R, &ssm->R},
+                                                   {&m.F, &ssm->F},
+                                                   {&m.Q, &ssm->Q}};
+  for (const auto& [src, dst] : fields) std::copy(src->a.begin(), src->a.end(), dst->data());
   return ssm;
 }
 

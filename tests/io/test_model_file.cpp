@@ -20,7 +20,7 @@ using namespace dense_ref;
 
 namespace {
 
-std::string written(const SSM* ssm, int p, int k) {
+std::string written(const StateSpaceModel* ssm, int p, int k) {
   std::FILE* fp = std::tmpfile();
   SSM_write_fp(ssm, p, k, fp);
   std::string text = tarn_test::text_of(fp);
@@ -30,7 +30,7 @@ std::string written(const SSM* ssm, int p, int k) {
 
 struct Loaded {
   int p = -7, k = -7;
-  std::unique_ptr<SSM> ssm;
+  std::unique_ptr<StateSpaceModel> ssm;
 };
 
 struct CloseFile {
@@ -69,9 +69,14 @@ std::string replace_all(std::string s, const std::string& from, const std::strin
 }
 
 // Every field of a and b within the last of 18 decimals, exp, var, H, R, F, Q in turn.
-void expect_same_model(const SSM& a, const SSM& b, int p, int k) {
+void expect_same_model(const StateSpaceModel& a, const StateSpaceModel& b, int p, int k) {
   const std::pair<const double*, const double*> fields[] = {
-      {a.exp, b.exp}, {a.var, b.var}, {a.H, b.H}, {a.R, b.R}, {a.F, b.F}, {a.Q, b.Q}};
+      {a.initial_mean.data(), b.initial_mean.data()},
+      {a.initial_cov.data(), b.initial_cov.data()},
+      {a.H.data(), b.H.data()},
+      {a.R.data(), b.R.data()},
+      {a.F.data(), b.F.data()},
+      {a.Q.data(), b.Q.data()}};
   const int sizes[] = {k, k * k, p * k, p, k * k, k};
   for (int f = 0; f < 6; ++f)
     for (int i = 0; i < sizes[f]; ++i)
@@ -79,7 +84,7 @@ void expect_same_model(const SSM& a, const SSM& b, int p, int k) {
 }
 
 // p = 3, k = 2 with values that print exactly; column-major in memory.
-std::unique_ptr<SSM> small_model() {
+std::unique_ptr<StateSpaceModel> small_model() {
   const double exp[] = {0.5, -1.25}, var[] = {2.0, 0.25, -0.75, 3.0};
   const double H[] = {1.0, 2.0, 3.0, -4.0, -5.0, -6.5}, R[] = {0.5, 0.75, 12345.5};
   const double F[] = {0.5, -0.125, 0.25, 0.375}, Q[] = {1.0, 0.0625};
@@ -116,8 +121,8 @@ TEST(ModelFile, WritesLabelledBlocksRowByRowAndReadsThemBack) {
   // Values below the last decimal come back as 0; NaN prints as nan or -nan,
   // and the infinities as inf and -inf.
   ssm = small_model();
-  ssm->exp[0] = 3e-20;
-  ssm->exp[1] = -4e-19;
+  ssm->initial_mean[0] = 3e-20;
+  ssm->initial_mean[1] = -4e-19;
   ssm->H[4] = std::nan("");
   ssm->Q[1] = -std::nan("");
   ssm->R[2] = HUGE_VAL;
@@ -126,7 +131,7 @@ TEST(ModelFile, WritesLabelledBlocksRowByRowAndReadsThemBack) {
   for (const char* cell : {"\tnan\n", "\n-nan\n", "\ninf\n", "\t-inf\n"})
     EXPECT_NE(text.find(cell), std::string::npos) << cell;
   const Loaded back = read_text(text);
-  EXPECT_TRUE(back.ssm->exp[0] == 0.0 && back.ssm->exp[1] == 0.0);
+  EXPECT_TRUE(back.ssm->initial_mean[0] == 0.0 && back.ssm->initial_mean[1] == 0.0);
   EXPECT_TRUE(std::isnan(back.ssm->H[4]) && std::isnan(back.ssm->Q[1]));
   EXPECT_TRUE(back.ssm->R[2] == HUGE_VAL && back.ssm->F[2] == -HUGE_VAL);
 }

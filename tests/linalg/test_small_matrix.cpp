@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "linalg/blas.h"
-#include "linalg/matrix.h"
 #include "linalg/small_matrix.h"
 
 using namespace tarn;  // NOLINT(google-build-using-namespace)
@@ -59,7 +58,7 @@ TEST(SmallMatrix, ProductsAndVectorKernelsMatchBlas) {
         const double alpha = 1.5;
         dgemm_(trans, trans + 1, &n, &n, &n, &alpha, A.data(), &n, B.data(), &n, &beta, want.data(),
                &n);
-        Small_gemm(trans[0], trans[1], n, alpha, A.data(), B.data(), beta, C.data());
+        gemm_small(trans[0], trans[1], n, alpha, A.data(), B.data(), beta, C.data());
         expect_close(C, want, 1e-13);
       }
     }
@@ -68,7 +67,7 @@ TEST(SmallMatrix, ProductsAndVectorKernelsMatchBlas) {
     const auto A = random_matrix(n, n, gen), X = random_matrix(n, inc, gen);
     auto y = random_matrix(n, 1, gen), y_ref = y, G = A, G_ref = A;
     const double alpha = -0.75, beta = 0.5;
-    dgemv_("N", &n, &n, &alpha, A.data(), &n, X.data(), &inc, &beta, y_ref.data(), &Matrix_INT_ONE);
+    dgemv_("N", &n, &n, &alpha, A.data(), &n, X.data(), &inc, &beta, y_ref.data(), &blas::kIncOne);
     dger_(&n, &n, &alpha, X.data(), &inc, X.data() + 1, &inc, G_ref.data(), &n);
     small::with_fixed_size(n, [&](auto fixed) {
       constexpr int N = decltype(fixed)::value;
@@ -107,13 +106,13 @@ TEST(SmallMatrix, FactorSolvesAndInverseMatchLapack) {
     std::vector<double> work(static_cast<std::size_t>(lwork));
     auto inv_ref = LU_ref, inv = A;
     dgetri_(&n, inv_ref.data(), &n, ipiv_ref.data(), work.data(), &lwork, &info);
-    Small_inverse(inv.data(), n, ipiv.data(), work.data());
+    invert_small(inv.data(), n, ipiv.data(), work.data());
     expect_close(inv, inv_ref, 1e-10);
   }
   // Singular input: a zero pivot stays in place and the inverse is not finite.
   std::vector<double> S = {1, 2, 3, 2, 4, 6, 0, 1, 1}, work(9), Z(9, 0.0);
   std::vector<int> ipiv(3);
-  Small_inverse(S.data(), 3, ipiv.data(), work.data());
+  invert_small(S.data(), 3, ipiv.data(), work.data());
   EXPECT_TRUE(std::any_of(S.begin(), S.end(), [](double s) { return !std::isfinite(s); }));
   getrf(3, Z.data(), ipiv.data());
   EXPECT_EQ(ipiv, (std::vector<int>{1, 2, 3}));
