@@ -8,7 +8,6 @@
 #include "core/em.h"
 #include "core/kalman.h"
 #include "linalg/blas.h"
-#include "linalg/matrix.h"
 
 using namespace tarn;  // NOLINT(google-build-using-namespace)
 
@@ -22,46 +21,39 @@ struct EmFixture {
   explicit EmFixture(int p, int T = kT, int replicates = kReplicates)
       : data(tarn_bench::make_data(p, T, replicates)),
         ssm(tarn_bench::make_model(p, kK)),
-        state(SSMState_new(kK, T)),
-        each(SSMSuffStat_new(p, kK)),
-        total(SSMSuffStat_new(p, kK)),
-        work(SSMWork_new(p, kK, data->n_samples, 1)) {
-    SSM_EM_prepare_constraint(work.get(), kK);
+        buffers(p, kK, T, true) {
+    prepare_F_constraint(&buffers.workspace, kK);
   }
   void filter(int r) {
-    Kalman_filter(ssm.get(), state.get(), data->p, kK, kT, data->Y.data(), data->sample_at[r],
-                  data->missing.data(), work.get());
+    run_filter(*ssm, replicate_view(*data, r), &buffers.trajectory, &buffers.workspace);
   }
-  void smoother() { Kalman_smoother(state.get(), kK, kT, work->vec_k, work->mat_k1, work->mat_k2); }
+  void smoother() { run_smoother(&buffers.trajectory, &buffers.workspace); }
   void sums(int r) {
     const int k = kK;
+    Trajectory& s = buffers.trajectory;
     for (int t = 0; t < kT; ++t) {
-      dgemm_("N", "N", &k, &k, &k, &Matrix_DOUBLE_ONE, state->J[t], &k, state->Vs[t + 1], &k,
-             &Matrix_DOUBLE_ZERO, state->Vlag[t], &k);
+      dgemm_("N", "N", &k, &k, &k, &blas::kOne, s.smoother_gain[t], &k, s.smoothed_cov[t + 1], &k,
+             &blas::kZero, s.lag_cov[t], &k);
     }
-    SSMSuffStat_calc(each.get(), state.get(), ssm.get(), data->p, kK, kT, data->sample_at[r],
-                     data->Y.data(), data->missing.data(), work->vec_p, work->mat_pk, work->mat_k3,
-                     work->vec_k);
+    sum_replicate(*ssm, replicate_view(*data, r), s, &buffers.replicate_sums, &buffers.workspace);
   }
+  void e_step() { tarn::e_step(*ssm, *data, &buffers); }
+  void m_step() { tarn::m_step(em, *data, buffers.total_sums, ssm.get(), &buffers.workspace); }
 
   std::unique_ptr<SSMData> data;
-  std::unique_ptr<SSM> ssm;
-  std::unique_ptr<SSMState> state;
-  std::unique_ptr<SSMSuffStat> each;
-  std::unique_ptr<SSMSuffStat> total;
-  std::unique_ptr<SSMWork> work;
-  SSMEMParam em;
+  std::unique_ptr<StateSpaceModel> ssm;
+  EmBuffers buffers;
+  EmSettings em;
 };
 
 void run_em_pass(benchmark::State& st, EmFixture& f) {
   const auto start = tarn_bench::make_model(f.data->p, kK);
   for (auto _ : st) {
     st.PauseTiming();
-    SSM_copy(f.ssm.get(), start.get(), f.data->p, kK);
+    copy_model(*start, f.ssm.get());
     st.ResumeTiming();
-    const double llh = SSM_EM_estimate(f.ssm.get(), f.state.get(), f.each.get(), f.total.get(),
-                                       f.data.get(), kK, f.work.get(), 0.0);
-    SSM_EM_m_step(&f.em, f.ssm.get(), f.total.get(), f.data.get(), kK, f.work.get());
+    const double llh = e_step(*f.ssm, *f.data, &f.buffers);
+    f.m_step();
     benchmark::DoNotOptimize(llh);
   }
 }
@@ -102,13 +94,12 @@ void BM_em_sums(benchmark::State& st) {
 
 void BM_em_m_step(benchmark::State& st) {
   EmFixture f(static_cast<int>(st.range(0)));
-  SSM_EM_estimate(f.ssm.get(), f.state.get(), f.each.get(), f.total.get(), f.data.get(), kK,
-                  f.work.get(), 0.0);
+  f.e_step();
   const auto start = tarn_bench::make_model(f.data->p, kK);
   for (auto _ : st) {
-    SSM_EM_m_step(&f.em, f.ssm.get(), f.total.get(), f.data.get(), kK, f.work.get());
+    f.m_step();
     st.PauseTiming();
-    SSM_copy(f.ssm.get(), start.get(), f.data->p, kK);
+    copy_model(*start, f.ssm.get());
     st.ResumeTiming();
   }
 }

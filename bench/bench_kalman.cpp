@@ -16,12 +16,12 @@ void BM_filter_smoother(benchmark::State& st) {
   const int T = 20;
   const auto data = tarn_bench::make_data(p, T, 1);
   const auto ssm = tarn_bench::make_model(p, k);
-  const auto state = SSMState_new(k, T);
-  const auto work = SSMWork_new(p, k, T, 0);
+  Trajectory trajectory(k, T);
+  Workspace work(p, k, false);
+  const ReplicateView series = replicate_view(*data, 0);
   for (auto _ : st) {
-    const double llh = Kalman_filter(ssm.get(), state.get(), p, k, T, data->Y.data(),
-                                     data->sample_at[0], data->missing.data(), work.get());
-    Kalman_smoother(state.get(), k, T, work->vec_k, work->mat_k1, work->mat_k2);
+    const double llh = run_filter(*ssm, series, &trajectory, &work);
+    run_smoother(&trajectory, &work);
     benchmark::DoNotOptimize(llh);
   }
   const double points = static_cast<double>(st.iterations()) * T;

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "core/data_set.h"
-#include "core/ssm.h"
+#include "core/model.h"
 
 using namespace tarn;  // NOLINT(google-build-using-namespace)
 
@@ -48,17 +48,17 @@ inline std::unique_ptr<SSMData> make_data(int p, int T, int n_replicates, unsign
 }
 
 // F = 0.8 I plus small off-diagonal terms, H Gaussian, R in [0.2, 1.2], Q = 1, var = I.
-inline std::unique_ptr<SSM> make_model(int p, int k, unsigned seed = 11) {
-  auto m = SSM_new(p, k);
+inline std::unique_ptr<StateSpaceModel> make_model(int p, int k, unsigned seed = 11) {
+  auto m = std::make_unique<StateSpaceModel>(p, k);
   std::mt19937 gen(seed);
   std::normal_distribution<double> normal;
   std::uniform_real_distribution<double> unif;
   for (int j = 0; j < k; ++j) {
-    m->exp[j] = 0.0;
+    m->initial_mean[j] = 0.0;
     m->Q[j] = 1.0;
     for (int i = 0; i < k; ++i) {
-      m->var[i + j * k] = i == j ? 1.0 : 0.0;
-      m->F[i + j * k] = i == j ? 0.8 : 0.05 * normal(gen);
+      m->initial_cov(i, j) = i == j ? 1.0 : 0.0;
+      m->F(i, j) = i == j ? 0.8 : 0.05 * normal(gen);
     }
   }
   for (int i = 0; i < p * k; ++i) m->H[i] = normal(gen);

@@ -19,8 +19,8 @@ const char* const TARN_RIGHTS_LINE =
 
 std::unique_ptr<Args> Args_new() {
   auto args = std::make_unique<Args>();
-  args->em = std::make_unique<SSMEMParam>();
-  args->init = SSMInit_new();
+  args->em = std::make_unique<EmSettings>();
+  args->init = std::make_unique<InitialModelSettings>();
   return args;
 }
 
@@ -263,8 +263,8 @@ struct RangeTarget {
 };
 
 std::vector<ArgOption> make_arg_set(Args* a, RangeTarget* dims) {
-  SSMEMParam* em = a->em.get();
-  SSMInit* init = a->init.get();
+  EmSettings* em = a->em.get();
+  InitialModelSettings* init = a->init.get();
   return {
       {ARGS_WITHOUT_KEY, T_STRING, &a->input_file, nullptr},
       {"-i", T_INT, &a->id, nullptr},
@@ -287,8 +287,8 @@ std::vector<ArgOption> make_arg_set(Args* a, RangeTarget* dims) {
       {"--EM-loop", T_INT, &em->em_loop, nullptr},
       {"--em-loop", T_INT, &em->em_loop, nullptr},
       {"-l", T_INT, &em->em_loop, nullptr},
-      {"--RrI", T_SWITCH, &em->RrI, nullptr},
-      {"-R", T_SWITCH, &em->RrI, nullptr},
+      {"--RrI", T_SWITCH, &em->common_R, nullptr},
+      {"-R", T_SWITCH, &em->common_R, nullptr},
       {"--update-mu", T_SWITCH, &em->update_mu, nullptr},
       {"--abs-converge", T_SWITCH, &em->abs_converge, nullptr},
       {"--ridge", T_DOUBLE, &em->ridge, nullptr},

@@ -23,8 +23,8 @@ struct Args {
   const char* input_file = nullptr;
   int log_mode = 0;
   int sge = 0;
-  std::unique_ptr<SSMEMParam> em;
-  std::unique_ptr<SSMInit> init;
+  std::unique_ptr<EmSettings> em;
+  std::unique_ptr<InitialModelSettings> init;
   int gsl = 0;    // accepted and stored, read by nothing
   int debug = 0;  // accepted and stored, read by nothing
   int rank = 0;

@@ -78,7 +78,7 @@ int run(int argc, char** argv) {
   print_banner(args.get());
   // seed + id + rank, taken as an unsigned 32-bit value.
   const std::int64_t seed_sum = static_cast<std::int64_t>(args->seed) + args->id + args->rank;
-  RandomStream_new(args->init->stream.get(), static_cast<std::uint32_t>(seed_sum));
+  args->init->stream = std::make_unique<RandomStream>(static_cast<std::uint32_t>(seed_sum));
 
   // The checks of an estimation run only where a set is to be estimated.
   const std::vector<SetId> sets = planned_sets(*args);

@@ -1,20 +1,26 @@
 #pragma once
-// The canonical form of a model: the state rotated until H' R^-1 H is
-// diagonal, descending; and the module matrix D = diag(L)^-1 H' R^-1/2.
+// The canonical form of an estimated model: the state rotated until
+// H' R^-1 H is diagonal, descending; and the module matrix
+// D = diag(L)^-1 H' R^-1/2 with L that diagonal.
 
-#include "core/ssm.h"
+#include "core/model.h"
+#include "core/workspace.h"
+#include "linalg/matrix.h"
 
 namespace tarn {
 
-// Rotates ssm by x_new = V' x, with R^-1/2 H = U S V'. On return e holds
-// sqrt(R) and u the squared singular values. H, F and exp change.
-void SSM_constrain(SSM* ssm, int p, int k, double* u, double* e, double* vec_k, double* mat_k1,
-                   double* svd_work, int svd_lwork);
+struct CanonicalModel {
+  StateSpaceModel model;  // rotated by x_new = V' x, with R^-1/2 H = U S V'
+  Matrix D;               // k x p
+  Matrix L;               // k x 1: the squared singular values S^2
+};
 
-// D(j, i) = H(i, j) / (u[j] * e[i]), D of k rows.
-void SSM_calc_module(int p, int k, const double* H, const double* u, const double* e, double* D);
+// The canonical form of model; the workspace lends its scratch.
+CanonicalModel to_canonical_form(const StateSpaceModel& model, Workspace* work);
 
-// Canonical form of result->ssm; D and L then point at RinvH and u of work.
-void SSMResult_calc_D_L(SSMResult* result, SSMWork* work);
+// R^-1 H of model, p x k column-major, handed back as a k x p matrix over the
+// same storage: the D block that the result files hold when the state
+// variables are written as well.
+Matrix information_matrix_as_module(const StateSpaceModel& model);
 
 }  // namespace tarn

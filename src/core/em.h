@@ -1,47 +1,63 @@
 #pragma once
-// The EM estimation of one model: the E-step sums, the EM loop with its
-// M-step, and the restarts of one set.
+// The EM estimation of one model: the E-step sums, the M-step and the loop.
+
+#include <cstdio>
 
 #include "core/data_set.h"
+#include "core/kalman.h"
+#include "core/model.h"
 #include "core/options.h"
-#include "core/ssm.h"
+#include "core/sufficient_stats.h"
+#include "core/trajectory.h"
+#include "core/workspace.h"
 
 namespace tarn {
 
-// One E-step: filter and smoother over every replicate, summed into total
-// (each holds one replicate at a time). Returns the log-likelihood.
-double SSM_EM_estimate(const SSM* ssm, SSMState* state, SSMSuffStat* each, SSMSuffStat* total,
-                       const SSMData* data, int k, SSMWork* work, double ridge);
+// Everything one estimation works in, made once with room for up to max_k
+// states and max_T time points.
+struct EmBuffers {
+  EmBuffers(int p, int max_k, int max_T, bool constrain_F)
+      : trajectory(max_k, max_T),
+        replicate_sums(p, max_k),
+        total_sums(p, max_k),
+        workspace(p, max_k, constrain_F) {}
+  Trajectory trajectory;
+  SufficientStats replicate_sums;  // the last replicate's sums
+  SufficientStats total_sums;
+  Workspace workspace;
+};
 
-// The sums of one replicate from its smoothed state, with the conditional
-// expectations of the missing rows.
-void SSMSuffStat_calc(SSMSuffStat* each, const SSMState* state, const SSM* ssm, int p, int k, int T,
-                      const int* sample_at_r, const double* Y, const int* const* missing,
-                      double* vec_p, double* mat_pk, double* mat_k3, double* vec_k);
+// The outcome of one EM run on a model.
+struct Estimate {
+  double log_likelihood;
+  double bic;
+  bool monotone;
+  bool converged;
+  int loops;
+  StateSpaceModel* model;  // the estimated model, or null
+};
 
-// Runs EM on ssm from the model it holds until the likelihood settles, the
-// loop limit is reached or the likelihood turns NaN.
-SSMResult SSM_EM_algo(const SSMEMParam* em, SSM* ssm, SSMState* state, SSMSuffStat* each,
-                      SSMSuffStat* total, const SSMData* data, int k, SSMWork* work);
+// One E-step: filter and smoother over every replicate, summed into
+// buffers->total_sums. Returns the log-likelihood. Allocates nothing.
+double e_step(const StateSpaceModel& model, const SSMData& data, EmBuffers* buffers);
 
-// The M-step on the sums of total: exp (with update_mu), H, F, then R.
-void SSM_EM_m_step(const SSMEMParam* em, SSM* ssm, const SSMSuffStat* total, const SSMData* data,
-                   int k, SSMWork* work);
+// The sums of one replicate from its smoothed trajectory (with the lagged
+// covariances formed), with the conditional expectations of the missing rows.
+void sum_replicate(const StateSpaceModel& model, const ReplicateView& series,
+                   const Trajectory& trajectory, SufficientStats* sums, Workspace* work);
 
-// X = A B^-1 (A, X rows x k; B k x k) through one LU factorisation of B.
-void SSM_EM_calc_ABinv(const double* A, const double* B, double* X, int rows, int k, double* tmp,
-                       int* ipiv, double* At);
+// The M-step on sums: initial mean (with update_mu), H, F (its diagonal held at
+// constrain_Fg with constrain_F, which the workspace must have been made
+// for), then R.
+void m_step(const EmSettings& settings, const SSMData& data, const SufficientStats& sums,
+            StateSpaceModel* model, Workspace* work);
 
-// The update of F with its diagonal held at g.
-void SSM_EM_update_constraint_F(const double* xx_lag, const double* xx_prev, const double* Q,
-                                const double* Fc_C, double* F, int k, double* Fc_G, double* Fc_CW,
-                                double* Fc_W, int* ipiv, double* work, int lwork, double g);
+// Runs EM on model from the model it holds until the likelihood settles, the
+// loop limit is reached or the likelihood turns NaN; progress lines go to log.
+Estimate run_em(const EmSettings& settings, const SSMData& data, StateSpaceModel* model,
+                EmBuffers* buffers, std::FILE* log);
 
-// Fills the selection matrix of the constraint on F for k: ones at
-// i * (k * k + k + 1).
-void SSM_EM_prepare_constraint(SSMWork* work, int k);
-
-// Finite, not zero and not subnormal.
-bool SSM_EM_is_normal(double value);
+// Finite, not zero and not subnormal: a likelihood a result can be kept for.
+bool is_usable_likelihood(double value);
 
 }  // namespace tarn

@@ -1,18 +1,24 @@
 #pragma once
+// The random starting points of the EM algorithm.
 
+#include <span>
+
+#include "core/data_set.h"
+#include "core/model.h"
 #include "core/options.h"
-#include "core/ssm.h"
 
 namespace tarn {
 
-// Fills ssm with one random starting point of the EM algorithm: exp = mu,
-// var = SD^2 I, H Gaussian (mean H_mean, deviation k), R the variance of each
-// row of Y over all columns, F uniform in [F_min, F_max], Q = 1. Draws k * p
-// then k * k numbers from the run's stream.
-void SSM_init(SSM* ssm, const SSMInit* init, int p, int k, const double* Y, int n_samples);
+// Repacks model for k states and fills it with one random starting point:
+// initial mean mu, initial covariance SD^2 I, H Gaussian (mean H_mean,
+// deviation k), R the variance of each row of the data, F uniform in
+// [F_min, F_max], Q = 1. Draws k * p then k * k numbers from the run's stream;
+// an empty F range draws nothing and leaves F as it was.
+void draw_initial_model(const InitialModelSettings& settings, const SSMData& data, int k,
+                        StateSpaceModel* model);
 
-// R[i]: the variance of row i of Y over all n_samples columns, missing cells
+// R[i]: the variance of row i of the data over all columns, missing cells
 // counting as the 0.0 they hold; the R of every initial model.
-void SSM_initial_R(double* R, int p, const double* Y, int n_samples);
+void compute_initial_R(const SSMData& data, std::span<double> R);
 
 }  // namespace tarn

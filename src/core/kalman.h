@@ -1,26 +1,36 @@
 #pragma once
 // Forward and backward passes of the state space model over one replicate.
 
-#include "core/ssm.h"
+#include <span>
+
+#include "core/data_set.h"
+#include "core/model.h"
+#include "core/trajectory.h"
+#include "core/workspace.h"
 
 namespace tarn {
 
-// Fills Xp, Vp, Xf, Vf, FV and Vp_inv of state for one replicate and returns
-// its log-likelihood. sample_at gives the column of Y for each time point, or
-// -1; missing[s] lists the rows missing in column s, ended by -1. Nothing of
-// size p x p is formed: the update runs in information form on k x k systems.
-double Kalman_filter(const SSM* ssm, SSMState* state, int p, int k, int T, const double* Y,
-                     const int* sample_at, const int* const* missing, SSMWork* work);
+// The series of one replicate: the column of Y for each time point, or -1.
+struct ReplicateView {
+  const double* Y;  // p x n_samples, column-major; missing cells hold 0.0
+  int p;
+  std::span<const int> sample_at;  // T entries
+  const int* const* missing;       // per column: the missing rows, ascending, ended by -1
+};
 
-// Measurement update of one observed time point; see Kalman_filter.
-void Kalman_filter_observed(const double* H, const double* R, const double* Xp, const double* Vp,
-                            const double* Vp_inv, const double* HtRinvH, const double* RinvH,
-                            double* e, double* b, double* u, double* Xf, double* Vf, double* B,
-                            const double* y, const int* missing, int p, int k, double* HtRinvH_obs,
-                            double* mat_k1, double* mat_k2, int* ipiv);
+// Replicate r of the data set.
+ReplicateView replicate_view(const SSMData& data, int r);
 
-// Rauch-Tung-Striebel pass after Kalman_filter on the same state: fills J, Xs
-// and Vs. With T >= 1, vec_k is left holding Xs[1] - Xp[0].
-void Kalman_smoother(SSMState* state, int k, int T, double* vec_k, double* mat_k1, double* mat_k2);
+// Fills the predicted and filtered tables, F_filtered_cov and
+// predicted_precision of trajectory for the replicate and returns its
+// log-likelihood. Nothing of size p x p is formed: the update runs in
+// information form on k x k systems.
+double run_filter(const StateSpaceModel& model, const ReplicateView& series, Trajectory* trajectory,
+                  Workspace* work);
+
+// Rauch-Tung-Striebel pass after run_filter on the same trajectory: fills the
+// smoother gains and the smoothed tables. With T >= 1 it leaves
+// work->state_difference holding smoothed_mean[1] - predicted_mean[0].
+void run_smoother(Trajectory* trajectory, Workspace* work);
 
 }  // namespace tarn

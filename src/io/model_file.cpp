@@ -12,23 +12,24 @@
 #include <tuple>
 #include <utility>
 
+#include "core/trajectory.h"
+#include "core/workspace.h"
 #include "io/convert.h"
+#include "io/matrix_text.h"
 #include "io/memory_budget.h"
 #include "io/read_errors.h"
 #include "io/read_line.h"
-#include "linalg/heap_array.h"
-#include "linalg/matrix.h"
 
 namespace tarn {
 
-void write_model(const SSM* ssm, int p, int k, std::FILE* fp) {
+void write_model(const StateSpaceModel* ssm, int p, int k, std::FILE* fp) {
   std::fprintf(fp, "SSM_p_k\t1\t2\n%d\t%d\n\n", p, k);
-  Matrix_write_labelled(fp, "SSM::exp", ssm->exp, k, 1);
-  Matrix_write_labelled(fp, "SSM::var", ssm->var, k, k);
-  Matrix_write_labelled(fp, "SSM::H", ssm->H, p, k);
-  Matrix_write_labelled(fp, "SSM::R", ssm->R, p, 1);
-  Matrix_write_labelled(fp, "SSM::F", ssm->F, k, k);
-  Matrix_write_labelled(fp, "SSM::Q", ssm->Q, k, 1);
+  write_labelled_matrix(fp, "SSM::exp", ssm->initial_mean.data(), k, 1);
+  write_labelled_matrix(fp, "SSM::var", ssm->initial_cov.data(), k, k);
+  write_labelled_matrix(fp, "SSM::H", ssm->H.data(), p, k);
+  write_labelled_matrix(fp, "SSM::R", ssm->R.data(), p, 1);
+  write_labelled_matrix(fp, "SSM::F", ssm->F.data(), k, k);
+  write_labelled_matrix(fp, "SSM::Q", ssm->Q.data(), k, 1);
 }
 
 namespace {
@@ -45,13 +46,13 @@ struct Block {
   Variances variances;
 };
 
-std::array<Block, 6> blocks_of(const SSM* ssm, int p, int k) {
-  return {{{"SSM::exp", ssm->exp, k, 1, Variances::kNone},
-           {"SSM::var", ssm->var, k, k, Variances::kDiagonal},
-           {"SSM::H", ssm->H, p, k, Variances::kNone},
-           {"SSM::R", ssm->R, p, 1, Variances::kAll},
-           {"SSM::F", ssm->F, k, k, Variances::kNone},
-           {"SSM::Q", ssm->Q, k, 1, Variances::kAll}}};
+std::array<Block, 6> blocks_of(StateSpaceModel* ssm, int p, int k) {
+  return {{{"SSM::exp", ssm->initial_mean.data(), k, 1, Variances::kNone},
+           {"SSM::var", ssm->initial_cov.data(), k, k, Variances::kDiagonal},
+           {"SSM::H", ssm->H.data(), p, k, Variances::kNone},
+           {"SSM::R", ssm->R.data(), p, 1, Variances::kAll},
+           {"SSM::F", ssm->F.data(), k, k, Variances::kNone},
+           {"SSM::Q", ssm->Q.data(), k, 1, Variances::kAll}}};
 }
 
 // The stream with the line last read and its number, counted from 1.
@@ -178,7 +179,7 @@ Result<std::pair<int, int>> read_dimensions(LineReader& in, double memory_bytes)
   if (p < 0 || k < 0) return read_error::model_parameters();
   // The model, and the least that applying it takes (one state of the
   // filter's tables and the scratch), must fit before anything is allocated.
-  const double need = SSM_bytes(p, k) + SSMWork_bytes(p, k, 0) + SSMState_bytes(k, 0);
+  const double need = model_bytes(p, k) + workspace_bytes(p, k, false) + trajectory_bytes(k, 0);
   if (need > memory_bytes) return read_error::model_too_large(p, k, need, memory_bytes);
   if (Status end = read_block_end(in, "SSM_p_k", false); !end.ok()) return end;
   return std::pair{p, k};
@@ -202,7 +203,7 @@ Result<StoredModel> read_model(std::FILE* fp, double memory_bytes) {
   if (!dimensions.ok()) return dimensions.status();
   StoredModel model;
   std::tie(model.p, model.k) = dimensions.value();
-  model.ssm = SSM_new(model.p, model.k);
+  model.ssm = std::make_unique<StateSpaceModel>(model.p, model.k);
   const auto blocks = blocks_of(model.ssm.get(), model.p, model.k);
   for (std::size_t b = 0; b < blocks.size(); ++b) {
     const Result<int> first_row = read_block(in, blocks[b], b + 1 == blocks.size());

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <memory>
 
-#include "core/ssm.h"
+#include "core/model.h"
 #include "io/memory_budget.h"
 #include "io/status.h"
 
@@ -20,12 +20,12 @@ struct ModelFileLines {
 struct StoredModel {
   int p = 0;
   int k = 0;
-  std::unique_ptr<SSM> ssm;
+  std::unique_ptr<StateSpaceModel> ssm;
   ModelFileLines lines;
 };
 
 // Writes the blocks to fp; the stream is neither flushed nor closed.
-void write_model(const SSM* ssm, int p, int k, std::FILE* fp);
+void write_model(const StateSpaceModel* ssm, int p, int k, std::FILE* fp);
 
 // Reads a model by position: p and k from line 2, then every block with its
 // header line, one line of numbers per row and its closing empty line; a

@@ -2,11 +2,11 @@
 #include <cstdio>
 
 #include "io/log.h"
+#include "io/matrix_text.h"
 #include "io/model_file.h"
 #include "io/output_file.h"
 #include "io/result_writers.h"
 #include "io/text_out.h"
-#include "linalg/matrix.h"
 
 namespace tarn {
 
@@ -58,34 +58,35 @@ OutputFile open_result(const char* name, StagedSet* files) {
   return file;
 }
 
-void write_summary(const char* name, const SSMResult* result, int set, StagedSet* files) {
+void write_summary(const char* name, const Estimate* result, int k, int set, StagedSet* files) {
   OutputFile file = open_result(name, files);
-  std::fprintf(file.fp, "%03d\t%03d\t%f\t%f\t%d\t%s\t%s\n", result->k, set, result->llh,
-               result->BIC, result->loops, result->monotone != 0 ? "Monotone" : "Not Monotone",
+  std::fprintf(file.fp, "%03d\t%03d\t%f\t%f\t%d\t%s\t%s\n", k, set, result->log_likelihood,
+               result->bic, result->loops, result->monotone != 0 ? "Monotone" : "Not Monotone",
                result->converged != 0 ? "Converged" : "Not Converged");
   OutputFile_commit(&file, files);
 }
 
 }  // namespace
 
-void SSMResult_output(const SSMResult* result, const char* prefix, const char* suffix, int set,
-                      StagedSet* files) {
-  const int p = result->p;
-  const int k = result->k;
+void SSMResult_output(const Estimate* result, const CanonicalModel* canonical, const char* prefix,
+                      const char* suffix, int set, StagedSet* files) {
+  const StateSpaceModel* ssm = &canonical->model;
+  const int p = ssm->p();
+  const int k = ssm->k();
   char name[1024];
   require_fits(result_name(name, prefix, k, set, "A", suffix), files);
   std::fprintf(TARN_ERR, "Outputting the result into a single file: %s\n", name);
   std::fflush(TARN_ERR);
   OutputFile file = open_result(name, files);
-  warn_if_R_loses_digits(result->ssm->R, p, kModelPrecision, name);
-  write_model(result->ssm, p, k, file.fp);
-  Matrix_write_labelled(file.fp, "SSMResult::D", result->D, k, p);
-  Matrix_write_labelled(file.fp, "SSMResult::L", result->L, k, 1);
+  warn_if_R_loses_digits(ssm->R.data(), p, kModelPrecision, name);
+  write_model(ssm, p, k, file.fp);
+  write_labelled_matrix(file.fp, "SSMResult::D", canonical->D.data(), k, p);
+  write_labelled_matrix(file.fp, "SSMResult::L", canonical->L.data(), k, 1);
   OutputFile_commit(&file, files);
 
   result_name(name, prefix, k, set, "B", suffix);
   std::fprintf(TARN_ERR, "Outputting the summary file: %s\n", name);
-  write_summary(name, result, set, files);
+  write_summary(name, result, k, set, files);
 }
 
 void SSMResult_output_matrix(const char* file_name, const double* matrix, int rows, int columns,
@@ -95,11 +96,11 @@ void SSMResult_output_matrix(const char* file_name, const double* matrix, int ro
   OutputFile_commit(&file, files);
 }
 
-void SSMResult_output_each(const SSMResult* result, const char* prefix, const char* suffix, int set,
-                           StagedSet* files) {
-  const int p = result->p;
-  const int k = result->k;
-  const SSM* ssm = result->ssm;
+void SSMResult_output_each(const Estimate* result, const CanonicalModel* canonical,
+                           const char* prefix, const char* suffix, int set, StagedSet* files) {
+  const StateSpaceModel* ssm = &canonical->model;
+  const int p = ssm->p();
+  const int k = ssm->k();
   char name[1024];
   require_fits(result_name(name, prefix, k, set, "*", suffix), files);
   std::fprintf(TARN_ERR, "Outputting files: %s\n", name);
@@ -110,17 +111,19 @@ void SSMResult_output_each(const SSMResult* result, const char* prefix, const ch
     int rows;
     int columns;
   };
-  const Part parts[] = {{"H", ssm->H, p, k},    {"R", ssm->R, p, 1},    {"F", ssm->F, k, k},
-                        {"D", result->D, k, p}, {"L", result->L, k, 1}, {"x", ssm->exp, k, 1}};
+  const Part parts[] = {{"H", ssm->H.data(), p, k},       {"R", ssm->R.data(), p, 1},
+                        {"F", ssm->F.data(), k, k},       {"D", canonical->D.data(), k, p},
+                        {"L", canonical->L.data(), k, 1}, {"x", ssm->initial_mean.data(), k, 1}};
   for (const Part& part : parts) {
     result_name(name, prefix, k, set, part.label, suffix);
     std::fprintf(TARN_ERR, "%s ...\n", name);
-    if (part.values == ssm->R) warn_if_R_loses_digits(ssm->R, p, kEachPrecision, name);
+    if (part.values == ssm->R.data())
+      warn_if_R_loses_digits(ssm->R.data(), p, kEachPrecision, name);
     SSMResult_output_matrix(name, part.values, part.rows, part.columns, files);
   }
   result_name(name, prefix, k, set, "B", suffix);
   std::fprintf(TARN_ERR, "%s ...\n", name);
-  write_summary(name, result, set, files);
+  write_summary(name, result, k, set, files);
 }
 
 }  // namespace tarn

@@ -6,7 +6,6 @@
 #include "io/result_writers.h"
 #include "io/text_out.h"
 #include "linalg/blas.h"
-#include "linalg/matrix.h"
 
 namespace tarn {
 
@@ -17,8 +16,7 @@ constexpr int kDataPrecision = 15;
 
 // e = H x.
 void image_through_H(const double* H, const double* x, int p, int k, double* e) {
-  dgemv_("N", &p, &k, &Matrix_DOUBLE_ONE, H, &p, x, &Matrix_INT_ONE, &Matrix_DOUBLE_ZERO, e,
-         &Matrix_INT_ONE);
+  dgemv_("N", &p, &k, &blas::kOne, H, &p, x, &blas::kIncOne, &blas::kZero, e, &blas::kIncOne);
 }
 
 // The p fields of replicate r at time index t: values, or "NAN" where missing.
@@ -39,11 +37,10 @@ void put_observed_row(std::FILE* fp, const SSMData* data, int r, int t) {
   fputc_unlocked('\n', fp);
 }
 
-void filter_and_smooth(const SSM* ssm, int k, const SSMData* data, SSMState* state, SSMWork* work,
-                       int r) {
-  Kalman_filter(ssm, state, data->p, k, data->T, data->Y.data(),
-                data->sample_at[static_cast<std::size_t>(r)], data->missing.data(), work);
-  Kalman_smoother(state, k, data->T, work->vec_k, work->mat_k1, work->mat_k2);
+void filter_and_smooth(const StateSpaceModel* ssm, const SSMData* data, Trajectory* state,
+                       Workspace* work, int r) {
+  run_filter(*ssm, replicate_view(*data, r), state, work);
+  run_smoother(state, work);
 }
 
 // "# label" block of the combined file: T rows "t\tv1\tv2...", then "\n\n".
@@ -69,9 +66,9 @@ OutputFile open_or_die(const char* name, bool error_prefix, StagedSet* files) {
 
 }  // namespace
 
-void Kalman_apply_output(const SSM* ssm, int k, const SSMData* data, SSMState* state, SSMWork* work,
-                         const char* prefix, const char* suffix, int set, int /*output_option*/,
-                         StagedSet* files) {
+void Kalman_apply_output(const StateSpaceModel* ssm, int k, const SSMData* data, Trajectory* state,
+                         Workspace* work, const char* prefix, const char* suffix, int set,
+                         int /*output_option*/, StagedSet* files) {
   char name[1024];
   const int len = std::snprintf(name, sizeof name, "%s.D%03d.S%03d.K.%s", prefix, k, set, suffix);
   if (len < 0 || len >= static_cast<int>(sizeof name)) {
@@ -87,27 +84,27 @@ void Kalman_apply_output(const SSM* ssm, int k, const SSMData* data, SSMState* s
   std::FILE* fp = file.fp;
   const int p = data->p;
   const int T = data->T;
-  const double* H = ssm->H;
-  SSMState* s = state;
+  const double* H = ssm->H.data();
+  const Trajectory* s = state;
   for (int r = 0; r < data->n_replicates; ++r) {
     std::fprintf(fp, "# REPLICATE %d\n", r + 1);
-    filter_and_smooth(ssm, k, data, state, work, r);
+    filter_and_smooth(ssm, data, state, work, r);
     auto x_row = [&](const StateTable& x, int offset) {
       return
           [&x, offset, fp, k](int t) { put_row(fp, x[t + offset], k, 1, kStatePrecision, "\t"); };
     };
     auto hx_row = [&](const StateTable& x, int offset) {
       return [&x, offset, fp, H, p, k, work](int t) {
-        image_through_H(H, x[t + offset], p, k, work->e);
-        put_row(fp, work->e, p, 1, kStatePrecision, "\t");
+        image_through_H(H, x[t + offset], p, k, work->innovation.data());
+        put_row(fp, work->innovation.data(), p, 1, kStatePrecision, "\t");
       };
     };
-    put_block(fp, "Xp", T, x_row(s->Xp, 0));
-    put_block(fp, "Xf", T, x_row(s->Xf, 1));
-    put_block(fp, "Xs", T, x_row(s->Xs, 1));
-    put_block(fp, "Yp", T, hx_row(s->Xp, 0));
-    put_block(fp, "Yf", T, hx_row(s->Xf, 1));
-    put_block(fp, "Ys", T, hx_row(s->Xs, 1));
+    put_block(fp, "Xp", T, x_row(s->predicted_mean, 0));
+    put_block(fp, "Xf", T, x_row(s->filtered_mean, 1));
+    put_block(fp, "Xs", T, x_row(s->smoothed_mean, 1));
+    put_block(fp, "Yp", T, hx_row(s->predicted_mean, 0));
+    put_block(fp, "Yf", T, hx_row(s->filtered_mean, 1));
+    put_block(fp, "Ys", T, hx_row(s->smoothed_mean, 1));
     put_block(fp, "Y", T, [&](int t) { put_observed_row(fp, data, r, t); });
   }
   OutputFile_commit(&file, files);
@@ -136,21 +133,23 @@ void SSMData_output(const SSMData* data, const char* file_name, int r, StagedSet
   OutputFile_commit_beside(&file, files);
 }
 
-void Kalman_apply_output_each(const SSM* ssm, int k, const SSMData* data, SSMState* state,
-                              SSMWork* work, const char* prefix, const char* suffix, int set,
-                              int /*output_option*/, StagedSet* files) {
+void Kalman_apply_output_each(const StateSpaceModel* ssm, int k, const SSMData* data,
+                              Trajectory* state, Workspace* work, const char* prefix,
+                              const char* suffix, int set, int /*output_option*/,
+                              StagedSet* files) {
   const int p = data->p;
   const int T = data->T;
-  const SSMState* s = state;
+  const Trajectory* s = state;
   for (int r = 0; r < data->n_replicates; ++r) {
-    filter_and_smooth(ssm, k, data, state, work, r);
+    filter_and_smooth(ssm, data, state, work, r);
     // Names that do not fit their buffer are cut at its end.
     auto name_of = [&](char* buf, std::size_t size, const char* label) {
       std::snprintf(buf, size, "%s.D%03d.S%03d.%s.%d.%s", prefix, k, set, label, r + 1, suffix);
       std::fprintf(TARN_ERR, "%s ...\n", buf);
       std::fflush(TARN_ERR);
     };
-    const double* const* tables[] = {s->Xp.entries(), s->Xf.entries() + 1, s->Xs.entries() + 1};
+    const double* const* tables[] = {s->predicted_mean.entries(), s->filtered_mean.entries() + 1,
+                                     s->smoothed_mean.entries() + 1};
     const char* x_labels[] = {"Xp", "Xf", "Xs"};
     const char* y_labels[] = {"Yp", "Yf", "Ys"};
     char name[1024];
@@ -160,7 +159,7 @@ void Kalman_apply_output_each(const SSM* ssm, int k, const SSMData* data, SSMSta
     }
     for (int q = 0; q < 3; ++q) {
       name_of(name, sizeof name, y_labels[q]);
-      SSM_output_Hx(name, ssm->H, tables[q], p, k, T, work->e, files);
+      SSM_output_Hx(name, ssm->H.data(), tables[q], p, k, T, work->innovation.data(), files);
     }
     char data_name[256];
     std::snprintf(data_name, sizeof data_name, "%s.%s.%d.%s", prefix, "Y", r + 1, suffix);

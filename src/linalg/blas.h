@@ -38,3 +38,13 @@ void dgesvd_(const char* jobu, const char* jobvt, const int* m, const int* n, do
 // OpenBLAS: the number of threads of its own that a call may use.
 void openblas_set_num_threads(int num_threads);
 }
+
+namespace tarn::blas {
+
+// Constants handed to the routines above by address.
+inline constexpr double kOne = 1.0;
+inline constexpr double kZero = 0.0;
+inline constexpr int kIncOne = 1;
+inline constexpr int kIncZero = 0;
+
+}  // namespace tarn::blas

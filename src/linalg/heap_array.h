@@ -1,5 +1,6 @@
 #pragma once
-// An owned, zero-filled heap array that hands itself to BLAS as a plain pointer.
+// An owned, zero-filled heap array; a size too large for memory throws
+// std::bad_alloc.
 
 #include <cstddef>
 #include <memory>
@@ -12,10 +13,8 @@ class HeapArray {
   HeapArray() = default;
   explicit HeapArray(std::size_t n) : data_(n > 0 ? std::make_unique<T[]>(n) : nullptr), size_(n) {}
 
-  operator T*() const { return data_.get(); }  // NOLINT: used as a plain BLAS operand
   T* get() const { return data_.get(); }
   std::size_t size() const { return size_; }
-  explicit operator bool() const { return data_ != nullptr; }
 
  private:
   std::unique_ptr<T[]> data_;

@@ -69,48 +69,27 @@ double erfinv(double x) {
   return x < 0.0 ? -y : y;
 }
 
-int RandomStream_new(std::unique_ptr<RandomStream>* cell, std::uint32_t seed) {
-  if (cell == nullptr) return RANDOM_BAD_STREAM;
-  std::uint32_t x = seed % kModulus;
-  if (x == 0) x = 1;
-  *cell = std::make_unique<RandomStream>(RandomStream{x, kMultiplier});
-  return RANDOM_OK;
+RandomStream::RandomStream(std::uint32_t seed) : x_(seed % kModulus) {
+  if (x_ == 0) x_ = 1;
 }
 
-namespace {
-
-int check_draw(const RandomStream* stream, int n, const double* r) {
-  if (stream == nullptr) return RANDOM_BAD_STREAM;
-  if (n < 0) return RANDOM_BAD_COUNT;
-  if (n > 0 && r == nullptr) return RANDOM_BAD_BUFFER;
-  return RANDOM_OK;
-}
-
-}  // namespace
-
-int RandomStream_uniform(RandomStream* stream, int n, double* r, double a, double b) {
-  const int status = check_draw(stream, n, r);
-  if (status != RANDOM_OK || n == 0) return status;
-  if (a >= b) return RANDOM_BAD_PARAMETER;
+void RandomStream::uniform(std::span<double> r, double a, double b) {
+  if (r.empty() || a >= b) return;
   const double s = (b - a) * kScale;
-  std::uint64_t x = stream->x;
-  for (int i = 0; i < n; ++i) {
-    r[i] = static_cast<double>(x) * s + a;
-    x = x * stream->multiplier % kModulus;
+  std::uint64_t x = x_;
+  for (double& value : r) {
+    value = static_cast<double>(x) * s + a;
+    x = x * kMultiplier % kModulus;
   }
-  stream->x = static_cast<std::uint32_t>(x);
-  return RANDOM_OK;
+  x_ = static_cast<std::uint32_t>(x);
 }
 
-int RandomStream_gaussian(RandomStream* stream, int n, double* r, double a, double sigma) {
-  const int status = check_draw(stream, n, r);
-  if (status != RANDOM_OK || n == 0) return status;
-  if (sigma <= 0.0) return RANDOM_BAD_PARAMETER;
-  RandomStream_uniform(stream, n, r, -1.0, 1.0);
-  for (int i = 0; i < n; ++i) r[i] = erfinv(r[i]);
+void RandomStream::gaussian(std::span<double> r, double mean, double sigma) {
+  if (r.empty() || sigma <= 0.0) return;
+  uniform(r, -1.0, 1.0);
+  for (double& value : r) value = erfinv(value);
   const double t = sigma * kSqrt2;
-  for (int i = 0; i < n; ++i) r[i] = a + t * r[i];
-  return RANDOM_OK;
+  for (double& value : r) value = mean + t * value;
 }
 
 }  // namespace tarn

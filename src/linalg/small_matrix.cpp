@@ -2,7 +2,7 @@
 
 namespace tarn {
 
-void Small_gemm(char trans_a, char trans_b, int n, double alpha, const double* A, const double* B,
+void gemm_small(char trans_a, char trans_b, int n, double alpha, const double* A, const double* B,
                 double beta, double* C) {
   const bool ta = trans_a == 'T';
   const bool tb = trans_b == 'T';
@@ -15,7 +15,7 @@ void Small_gemm(char trans_a, char trans_b, int n, double alpha, const double* A
   });
 }
 
-void Small_inverse(double* A, int n, int* ipiv, double* work) {
+void invert_small(double* A, int n, int* ipiv, double* work) {
   small::with_fixed_size(
       n, [&](auto fixed) { small::inverse<decltype(fixed)::value>(n, A, ipiv, work); });
 }

@@ -264,8 +264,10 @@ void inverse(int n_, double* A, int* ipiv, double* work) {
 
 // Run-time entry points of the kernels above, for callers outside the hot
 // loops; trans arguments are 'N' or 'T'.
-void Small_gemm(char trans_a, char trans_b, int n, double alpha, const double* A, const double* B,
+void gemm_small(char trans_a, char trans_b, int n, double alpha, const double* A, const double* B,
                 double beta, double* C);
-void Small_inverse(double* A, int n, int* ipiv, double* work);
+// A = A^-1 through its LU factors; work holds n * n doubles. A singular A
+// gives infinities or NaNs and no message.
+void invert_small(double* A, int n, int* ipiv, double* work);
 
 }  // namespace tarn

@@ -7,35 +7,35 @@
 #include "io/read_table.h"
 #include "io/result_writers.h"
 #include "linalg/blas.h"
-#include "linalg/matrix.h"
 
 namespace tarn {
 
 namespace {
 
 // One filter and smoother sweep over the replicates under the stored model,
-// accumulating w Xs[0] in vec_k. The smoother uses vec_k as its scratch too,
-// so each replicate's sweep leaves Xs[1] - Xp[0] there before the addition.
-void estimate_initial_state(SSM* ssm, int k, const SSMData* data, SSMState* state, SSMWork* work) {
+// accumulating w Xs[0] in the smoother's state_difference, so that each
+// replicate's sweep leaves Xs[1] - Xp[0] there before the addition.
+void estimate_initial_state(StateSpaceModel* ssm, int k, const SSMData* data, Trajectory* state,
+                            Workspace* work) {
   std::fprintf(TARN_ERR,
                "Applying Kalman filter and smoother for estimating the initial state variable.\n");
   std::fflush(TARN_ERR);
-  Matrix_clear(work->vec_k, k, 1);
+  double* sum = work->state_difference.data();
+  std::fill_n(sum, k, 0.0);
   const double w = 1.0 / data->n_replicates;
   for (int r = 0; r < data->n_replicates; ++r) {
-    Kalman_filter(ssm, state, data->p, k, data->T, data->Y.data(),
-                  data->sample_at[static_cast<std::size_t>(r)], data->missing.data(), work);
-    Kalman_smoother(state, k, data->T, work->vec_k, work->mat_k1, work->mat_k2);
-    daxpy_(&k, &w, state->Xs[0], &Matrix_INT_ONE, work->vec_k, &Matrix_INT_ONE);
+    run_filter(*ssm, replicate_view(*data, r), state, work);
+    run_smoother(state, work);
+    daxpy_(&k, &w, state->smoothed_mean[0], &blas::kIncOne, sum, &blas::kIncOne);
   }
-  Matrix_copy(ssm->exp, work->vec_k, k, 1);
+  std::copy_n(sum, k, ssm->initial_mean.data());
 }
 
 // The filter's tables over every time point and its scratch must fit in the
 // memory the run may use before they are allocated.
 void require_memory(int p, int k, const SSMData* data) {
-  const double need = SSMState_bytes(k, data->T) + SSMWork_bytes(p, k, 0) + 2.0 * SSM_bytes(p, k) +
-                      8.0 * static_cast<double>(data->Y.size());
+  const double need = trajectory_bytes(k, data->T) + workspace_bytes(p, k, false) +
+                      2.0 * model_bytes(p, k) + 8.0 * static_cast<double>(data->Y.size());
   const double limit = memory_limit_bytes();
   if (need > limit) {
     tarn_fatal(
@@ -68,8 +68,8 @@ Status apply_Kalman(const char* ssm_file, const SSMData* data, int update_mu, co
   if (Status usable = check_usable(model.value()); !usable.ok()) return usable;
   require_memory(p, k, data);
 
-  auto state = SSMState_new(k, data->T);
-  auto work = SSMWork_new(p, k, data->n_samples, 0);
+  auto state = std::make_unique<Trajectory>(k, data->T);
+  auto work = std::make_unique<Workspace>(p, k, false);
   if (update_mu != 0) estimate_initial_state(ssm.get(), k, data, state.get(), work.get());
   std::fprintf(TARN_ERR, "Calculating state variables and outputting files...\n");
   std::fflush(TARN_ERR);

@@ -9,7 +9,7 @@
 namespace tarn {
 
 void single_set(const Args* args, const SSMData* data) {
-  const SSMEMParam* em = args->em.get();
+  const EmSettings* em = args->em.get();
   const int total = args->n_dims * args->sets;
   std::fprintf(TARN_ERR, "***********************************\n");
   std::fprintf(TARN_ERR, "**   Single SGE Execution Mode   **\n");
@@ -36,19 +36,17 @@ void single_set(const Args* args, const SSMData* data) {
   if (k < 1) tarn_fatal("ERROR: State dimension must be 1 or more: %d\n", k);
 
   EstimationRecords rec(data, k, em->constrain_F);
-  SSMWork* work = rec.work.get();
-  if (em->constrain_F != 0) SSM_EM_prepare_constraint(work, k);
+  Workspace* work = &rec.buffers->workspace;
+  if (em->constrain_F != 0) prepare_F_constraint(work, k);
 
   StartGuard guard(em->retry);
   std::fprintf(TARN_ERR, "Starting the SSM estimation.\n");
   std::fflush(TARN_ERR);
-  SSMResult result = SSM_EM_iterate(em, args->init.get(), args->iterations, data, k,
-                                    rec.ssm_a.get(), rec.ssm_b.get(), rec.state.get(),
-                                    rec.suff_a.get(), rec.suff_b.get(), work, &guard);
-  std::fprintf(TARN_ERR, "Finished: dim=%d, likelihood=%f\n", k, result.llh);
+  Estimate result = SSM_EM_iterate(em, args->init.get(), args->iterations, data, k, &rec, &guard);
+  std::fprintf(TARN_ERR, "Finished: dim=%d, likelihood=%f\n", k, result.log_likelihood);
   std::fflush(TARN_ERR);
-  if (SSM_EM_is_normal(result.llh) && result.monotone != 0) {
-    ssm_output(&result, work, rec.state.get(), data, args->prefix, args->suffix,
+  if (is_usable_likelihood(result.log_likelihood) && result.monotone) {
+    ssm_output(&result, work, &rec.buffers->trajectory, data, args->prefix, args->suffix,
                set_id % args->sets + 1, args->each, args->state, args->output_option);
   } else {
     std::fprintf(TARN_ERR, "Estimation failed for this set.\n");

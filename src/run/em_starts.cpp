@@ -13,8 +13,8 @@ namespace tarn {
 
 namespace {
 
-SSMResult empty_result() {
-  return SSMResult{-1, -1, -DBL_MAX, -DBL_MAX, 0, 0, -1, nullptr, nullptr, nullptr};
+Estimate empty_result() {
+  return Estimate{-DBL_MAX, -DBL_MAX, false, false, -1, nullptr};
 }
 
 void warn_retry_limit() {
@@ -24,19 +24,19 @@ void warn_retry_limit() {
 
 // One estimation: attempts from fresh random models until one can be trusted
 // or the retry limit lets the last one through.
-SSMResult estimate_with_retries(const SSMEMParam* em, const SSMInit* init, const SSMData* data,
-                                int k, SSM* working, SSMState* state_store, SSMSuffStat* suff_a,
-                                SSMSuffStat* suff_b, SSMWork* work, StartGuard* guard) {
+Estimate estimate_with_retries(const EmSettings* em, const InitialModelSettings* init,
+                               const SSMData* data, int k, StateSpaceModel* working,
+                               EmBuffers* buffers, StartGuard* guard) {
   int count = 0;
   for (;;) {
-    SSM_init(working, init, data->p, k, data->Y.data(), data->n_samples);
+    draw_initial_model(*init, *data, k, working);
     if (em->verbose > 0) write_model(working, data->p, k, TARN_ERR);
-    const SSMResult res = SSM_EM_algo(em, working, state_store, suff_a, suff_b, data, k, work);
+    const Estimate res = run_em(*em, *data, working, buffers, TARN_ERR);
     if (em->retry >= 0 && count >= em->retry) {
       warn_retry_limit();
       return res;
     }
-    if (SSM_EM_is_normal(res.llh) && res.monotone != 0) {
+    if (is_usable_likelihood(res.log_likelihood) && res.monotone) {
       guard->note_success();
       if (em->retry != -1 && count >= em->retry) warn_retry_limit();
       return res;
@@ -50,25 +50,23 @@ SSMResult estimate_with_retries(const SSMEMParam* em, const SSMInit* init, const
 
 }  // namespace
 
-SSMResult SSM_EM_iterate(const SSMEMParam* em, const SSMInit* init, int iterations,
-                         const SSMData* data, int k, SSM* ssm_a, SSM* ssm_b, SSMState* state_store,
-                         SSMSuffStat* suff_a, SSMSuffStat* suff_b, SSMWork* work,
-                         StartGuard* guard) {
-  SSM* working = ssm_a;
-  SSM* keeper = ssm_b;
-  SSMResult best = empty_result();
+Estimate SSM_EM_iterate(const EmSettings* em, const InitialModelSettings* init, int iterations,
+                        const SSMData* data, int k, EstimationRecords* rec, StartGuard* guard) {
+  StateSpaceModel* working = rec->ssm_a.get();
+  StateSpaceModel* keeper = rec->ssm_b.get();
+  Estimate best = empty_result();
   for (int n = 0; n < iterations;) {
-    const SSMResult res =
-        estimate_with_retries(em, init, data, k, working, state_store, suff_a, suff_b, work, guard);
+    const Estimate res =
+        estimate_with_retries(em, init, data, k, working, rec->buffers.get(), guard);
     ++n;
-    std::fprintf(TARN_ERR, "%d: Loops=%d, Likelihood=%f\n", n, res.loops, res.llh);
+    std::fprintf(TARN_ERR, "%d: Loops=%d, Likelihood=%f\n", n, res.loops, res.log_likelihood);
     std::fflush(TARN_ERR);
-    if (res.llh > best.llh) {
+    if (res.log_likelihood > best.log_likelihood) {
       best = res;
       std::swap(working, keeper);
     }
   }
-  best.ssm = keeper;
+  best.model = keeper;
   return best;
 }
 

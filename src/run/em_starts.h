@@ -3,6 +3,7 @@
 // while untrustworthy, the best kept.
 
 #include "core/em.h"
+#include "run/records.h"
 #include "run/start_guard.h"
 
 namespace tarn {
@@ -10,9 +11,7 @@ namespace tarn {
 // The iterations estimations of one set, each from a fresh random model,
 // retried while untrustworthy; returns the best by log-likelihood. The guard
 // ends the run when a start keeps failing before any start has succeeded.
-SSMResult SSM_EM_iterate(const SSMEMParam* em, const SSMInit* init, int iterations,
-                         const SSMData* data, int k, SSM* ssm_a, SSM* ssm_b, SSMState* state_store,
-                         SSMSuffStat* suff_a, SSMSuffStat* suff_b, SSMWork* work,
-                         StartGuard* guard);
+Estimate SSM_EM_iterate(const EmSettings* em, const InitialModelSettings* init, int iterations,
+                        const SSMData* data, int k, EstimationRecords* rec, StartGuard* guard);
 
 }  // namespace tarn

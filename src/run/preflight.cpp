@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "core/em.h"
 #include "core/initial_model.h"
-#include "core/ssm.h"
 #include "io/memory_budget.h"
 #include "io/read_table.h"
 #include "run/records.h"
@@ -40,8 +40,8 @@ bool dims_valid(const Args& args) {
 // Records of one estimating thread: two models, the tables over time, two
 // sets of sums and the scratch, all for dimension k.
 double records_bytes(const SSMData& data, int k, int constrain_F) {
-  return 2.0 * SSM_bytes(data.p, k) + SSMState_bytes(k, data.T) +
-         2.0 * SSMSuffStat_bytes(data.p, k) + SSMWork_bytes(data.p, k, constrain_F);
+  return 2.0 * model_bytes(data.p, k) + trajectory_bytes(k, data.T) +
+         2.0 * sufficient_stats_bytes(data.p, k) + workspace_bytes(data.p, k, constrain_F != 0);
 }
 
 double data_bytes(const SSMData& data) {
@@ -76,7 +76,7 @@ double mode_bytes(const Args& args, const SSMData& data) {
   const double per_thread = records_bytes(data, k, args.em->constrain_F);
   if (args.sge != 0 || args.threads == 1) return per_thread;
   const double sets = static_cast<double>(args.n_dims) * args.sets;
-  return threads * per_thread + std::min(threads, sets) * SSM_bytes(data.p, k);
+  return threads * per_thread + std::min(threads, sets) * model_bytes(data.p, k);
 }
 
 }  // namespace
@@ -127,12 +127,12 @@ double bytes_per_time_point(const Args& args) {
   int k = 0;
   double threads = 1.0;
   if (!mode_records(args, &k, &threads)) return 0.0;
-  return threads * (SSMState_bytes(k, 1) - SSMState_bytes(k, 0));
+  return threads * (trajectory_bytes(k, 1) - trajectory_bytes(k, 0));
 }
 
 Findings check_options(const Args& args) {
-  const SSMEMParam& em = *args.em;
-  const SSMInit& init = *args.init;
+  const EmSettings& em = *args.em;
+  const InitialModelSettings& init = *args.init;
   struct Read {
     const char* names;
     double value;
@@ -176,7 +176,7 @@ Findings check_objects(const Args& args, const SSMData& data) {
   Findings found;
   if (data.p < 1 || data.n_samples < 1) return found;  // the mode refuses such a table
   std::vector<double> R(static_cast<std::size_t>(data.p));
-  SSM_initial_R(R.data(), data.p, data.Y.data(), data.n_samples);
+  compute_initial_R(data, R);
   std::vector<int> bad;
   for (int i = 0; i < data.p; ++i) {
     const double r = R[static_cast<std::size_t>(i)];

@@ -5,12 +5,9 @@
 namespace tarn {
 
 EstimationRecords::EstimationRecords(const SSMData* data, int k, int constrain_F)
-    : ssm_a(SSM_new(data->p, k)),
-      ssm_b(SSM_new(data->p, k)),
-      state(SSMState_new(k, data->T)),
-      suff_a(SSMSuffStat_new(data->p, k)),
-      suff_b(SSMSuffStat_new(data->p, k)),
-      work(SSMWork_new(data->p, k, data->n_samples, constrain_F)) {}
+    : ssm_a(std::make_unique<StateSpaceModel>(data->p, k)),
+      ssm_b(std::make_unique<StateSpaceModel>(data->p, k)),
+      buffers(std::make_unique<EmBuffers>(data->p, k, data->T, constrain_F != 0)) {}
 
 int max_dimension(const Args* args) {
   int max_k = -2147483647;

@@ -6,18 +6,16 @@
 
 #include "cli/args.h"
 #include "core/data_set.h"
-#include "core/ssm.h"
+#include "core/em.h"
 
 namespace tarn {
 
 struct EstimationRecords {
   EstimationRecords(const SSMData* data, int k, int constrain_F);
-  std::unique_ptr<SSM> ssm_a;  // working model (and best model, in turn, in the restarts)
-  std::unique_ptr<SSM> ssm_b;
-  std::unique_ptr<SSMState> state;
-  std::unique_ptr<SSMSuffStat> suff_a;
-  std::unique_ptr<SSMSuffStat> suff_b;
-  std::unique_ptr<SSMWork> work;
+  std::unique_ptr<StateSpaceModel>
+      ssm_a;  // working model (and best model, in turn, in the restarts)
+  std::unique_ptr<StateSpaceModel> ssm_b;
+  std::unique_ptr<EmBuffers> buffers;
 };
 
 // The largest entry of dims, searched from -2147483647.

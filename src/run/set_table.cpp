@@ -12,47 +12,48 @@ SetTable::SetTable(std::size_t n_sets, int max_k_)
     : max_k(max_k_),
       best(n_sets + 1, -DBL_MAX),
       finished(n_sets + 1, 0),
-      results(n_sets + 1, SSMResult{0, 0, 0.0, 0.0, 0, 0, 0, nullptr, nullptr, nullptr}) {}
+      results(n_sets + 1, Estimate{0.0, 0.0, false, false, 0, nullptr}) {}
 
-void update(SetTable* table, int sid, const SSMResult& result) {
-  if (!(SSM_EM_is_normal(result.llh) && result.llh > table->best[sid])) return;
-  table->best[sid] = result.llh;
+void update(SetTable* table, int sid, const Estimate& result) {
+  if (!(is_usable_likelihood(result.log_likelihood) && result.log_likelihood > table->best[sid]))
+    return;
+  table->best[sid] = result.log_likelihood;
   std::fprintf(TARN_ERR, "Best likelihood updated for set id = %d.\n", sid);
   std::fflush(TARN_ERR);
-  SSM* holder = table->results[sid].ssm;
+  StateSpaceModel* holder = table->results[sid].model;
   if (holder == nullptr && !table->pool.empty()) {
     holder = table->pool.back();
     table->pool.pop_back();
   }
   if (holder == nullptr) {
     // A model that cannot be made throws std::bad_alloc; none is ever null.
-    table->models.push_back(SSM_new(result.p, table->max_k));
+    table->models.push_back(std::make_unique<StateSpaceModel>(result.model->p(), table->max_k));
     holder = table->models.back().get();
   }
-  SSM_copy(holder, result.ssm, result.p, result.k);
+  copy_model(*result.model, holder);
   table->results[sid] = result;
-  table->results[sid].ssm = holder;
+  table->results[sid].model = holder;
 }
 
 void finish_task(SetTable* table, const Args* args, const SSMData* data, int sid, int thread_num,
-                 const SSMResult& result, SSMWork* work, SSMState* state_store) {
-  const int k = result.k;
+                 const Estimate& result, Workspace* work, Trajectory* state_store) {
+  const int k = result.model->k();
   const int done = ++table->finished[sid];
   std::fprintf(TARN_ERR, "{%d} set=%d, dim=%d, likelihood=%f, loops=%d, finished=%d\n", thread_num,
-               sid, k, result.llh, result.loops, done);
+               sid, k, result.log_likelihood, result.loops, done);
   update(table, sid, result);
   std::fflush(TARN_ERR);
   if (done != args->iterations) return;
-  SSMResult& set = table->results[sid];
-  if (set.ssm == nullptr) {
+  Estimate& set = table->results[sid];
+  if (set.model == nullptr) {
     std::fprintf(TARN_ERR, "Estimation failed for this set.\n");
     std::fflush(TARN_ERR);
     return;
   }
   ssm_output(&set, work, state_store, data, args->prefix, args->suffix, sid % args->sets + 1,
              args->each, args->state, args->output_option);
-  table->pool.push_back(set.ssm);
-  set.ssm = nullptr;
+  table->pool.push_back(set.model);
+  set.model = nullptr;
 }
 
 }  // namespace tarn

@@ -7,7 +7,7 @@
 
 #include "cli/args.h"
 #include "core/data_set.h"
-#include "core/ssm.h"
+#include "core/em.h"
 
 namespace tarn {
 
@@ -16,18 +16,18 @@ struct SetTable {
   int max_k;
   std::vector<double> best;  // per set id 1 .. n; entry 0 unused
   std::vector<int> finished;
-  std::vector<SSMResult> results;  // ssm null while the set holds no model
-  std::vector<SSM*> pool;
-  std::vector<std::unique_ptr<SSM>> models;  // every model ever made
+  std::vector<Estimate> results;  // model null while the set holds no model
+  std::vector<StateSpaceModel*> pool;
+  std::vector<std::unique_ptr<StateSpaceModel>> models;  // every model ever made
 };
 
 // Compares a finished task with the best of its set and keeps a copy of the
 // model when it is better.
-void update(SetTable* table, int sid, const SSMResult& result);
+void update(SetTable* table, int sid, const Estimate& result);
 
 // Counts a finished task, logs it, updates the set, and writes the set's
 // files when it was the set's last task. Runs under the lock.
 void finish_task(SetTable* table, const Args* args, const SSMData* data, int sid, int thread_num,
-                 const SSMResult& result, SSMWork* work, SSMState* state_store);
+                 const Estimate& result, Workspace* work, Trajectory* state_store);
 
 }  // namespace tarn

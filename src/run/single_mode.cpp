@@ -10,7 +10,7 @@
 namespace tarn {
 
 void single_one(const Args* args, const SSMData* data) {
-  const SSMEMParam* em = args->em.get();
+  const EmSettings* em = args->em.get();
   std::fprintf(TARN_ERR, "*******************************\n");
   std::fprintf(TARN_ERR, "**   Single Execution Mode   **\n");
   std::fprintf(TARN_ERR, "*******************************\n");
@@ -22,7 +22,7 @@ void single_one(const Args* args, const SSMData* data) {
   require_dimensions(args);
 
   EstimationRecords rec(data, max_k, em->constrain_F);
-  SSMWork* work = rec.work.get();
+  Workspace* work = &rec.buffers->workspace;
   Stopwatch clock;
   StartGuard guard(em->retry);
 
@@ -31,20 +31,19 @@ void single_one(const Args* args, const SSMData* data) {
     std::fprintf(TARN_ERR, "========================================\n");
     std::fprintf(TARN_ERR, "= Start the loop for dim=%d\n", k);
     std::fflush(TARN_ERR);
-    if (em->constrain_F != 0) SSM_EM_prepare_constraint(work, k);
+    if (em->constrain_F != 0) prepare_F_constraint(work, k);
     for (int s = 1; s <= args->sets; ++s) {
       std::fprintf(TARN_ERR, "Set %d...\n", s);
       std::fflush(TARN_ERR);
       clock.restart();
-      SSMResult result = SSM_EM_iterate(em, args->init.get(), args->iterations, data, k,
-                                        rec.ssm_a.get(), rec.ssm_b.get(), rec.state.get(),
-                                        rec.suff_a.get(), rec.suff_b.get(), work, &guard);
+      Estimate result =
+          SSM_EM_iterate(em, args->init.get(), args->iterations, data, k, &rec, &guard);
       const double t = clock.seconds();
-      std::fprintf(TARN_ERR, "Finished: dim=%d, likelihood=%f\n", k, result.llh);
+      std::fprintf(TARN_ERR, "Finished: dim=%d, likelihood=%f\n", k, result.log_likelihood);
       std::fprintf(TARN_ERR, "%s\nX-SINGLE-TIME:\t%f\n", format_duration(t).c_str(), t);
       std::fflush(TARN_ERR);
-      if (SSM_EM_is_normal(result.llh) && result.monotone != 0) {
-        ssm_output(&result, work, rec.state.get(), data, args->prefix, args->suffix,
+      if (is_usable_likelihood(result.log_likelihood) && result.monotone) {
+        ssm_output(&result, work, &rec.buffers->trajectory, data, args->prefix, args->suffix,
                    s + args->id - 1, args->each, args->state, args->output_option);
       } else {
         std::fprintf(TARN_ERR, "Estimation failed for this set.\n");

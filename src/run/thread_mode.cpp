@@ -41,20 +41,19 @@ int take_ticket(Tickets* tk, const Args* args, int* k) {
 }
 
 // One task: attempts from fresh random models, retried as in the single mode.
-SSMResult run_task(const Args* args, const SSMData* data, EstimationRecords* rec, int k,
-                   StartGuard* guard) {
-  const SSMEMParam* em = args->em.get();
+Estimate run_task(const Args* args, const SSMData* data, EstimationRecords* rec, int k,
+                  StartGuard* guard) {
+  const EmSettings* em = args->em.get();
   int fails = 0;
   int tries = -1;
-  SSMResult result{};
+  Estimate result{};
   for (;;) {
     ++tries;
 #pragma omp critical
-    SSM_init(rec->ssm_a.get(), args->init.get(), data->p, k, data->Y.data(), data->n_samples);
-    result = SSM_EM_algo(em, rec->ssm_a.get(), rec->state.get(), rec->suff_a.get(),
-                         rec->suff_b.get(), data, k, rec->work.get());
+    draw_initial_model(*args->init, *data, k, rec->ssm_a.get());
+    result = run_em(*em, *data, rec->ssm_a.get(), rec->buffers.get(), TARN_ERR);
     if (em->retry >= 0 && em->retry <= tries) break;
-    if (SSM_EM_is_normal(result.llh) && result.monotone != 0) {
+    if (is_usable_likelihood(result.log_likelihood) && result.monotone) {
       guard->note_success();
       break;
     }
@@ -114,12 +113,13 @@ void thread(const Args* args, const SSMData* data) {
       }
       if (sid == 0) break;
       if (args->em->constrain_F != 0 && k != prepared_k) {
-        SSM_EM_prepare_constraint(rec.work.get(), k);
+        prepare_F_constraint(&rec.buffers->workspace, k);
         prepared_k = k;
       }
-      SSMResult result = run_task(args, data, &rec, k, &guard);
+      Estimate result = run_task(args, data, &rec, k, &guard);
 #pragma omp critical
-      finish_task(&table, args, data, sid, me, result, rec.work.get(), rec.state.get());
+      finish_task(&table, args, data, sid, me, result, &rec.buffers->workspace,
+                  &rec.buffers->trajectory);
     }
   }
 }

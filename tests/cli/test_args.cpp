@@ -75,12 +75,13 @@ TEST(ParseArgs, EveryOptionReachesItsField) {
       "--converge 0.5 --em-loop 12 --RrI on --update-mu off --abs-converge no --ridge 0.1 "
       "--constrain-F off --constrain-Fg 0.5 --retry -1 --verbose 2 --H-mean 0.5 --H-SD 3 "
       "--F-max 2 --F-min -2.5e0 --mu 0.25 --SD 4 --ssm m.txt --debug 3 --gsl in.txt");
-  const SSMEMParam& em = *a->em;
-  const SSMInit& in = *a->init;
-  EXPECT_EQ(std::vector<int>({a->id, a->sets, a->iterations, a->each, a->log_mode, a->seed,
-                              a->state, a->shift, a->threads, a->debug, a->gsl, em.em_loop, em.RrI,
-                              em.update_mu, em.abs_converge, em.constrain_F, em.retry, em.verbose}),
-            std::vector<int>({7, 3, 9, 1, 2, 5, 0, 2, 0, 3, 1, 12, 1, 0, 0, 0, -1, 2}));
+  const EmSettings& em = *a->em;
+  const InitialModelSettings& in = *a->init;
+  EXPECT_EQ(
+      std::vector<int>({a->id, a->sets, a->iterations, a->each, a->log_mode, a->seed, a->state,
+                        a->shift, a->threads, a->debug, a->gsl, em.em_loop, em.common_R,
+                        em.update_mu, em.abs_converge, em.constrain_F, em.retry, em.verbose}),
+      std::vector<int>({7, 3, 9, 1, 2, 5, 0, 2, 0, 3, 1, 12, 1, 0, 0, 0, -1, 2}));
   EXPECT_EQ(std::vector<double>({em.converge, em.ridge, em.constrain_Fg, in.H_mean, in.H_SD,
                                  in.F_max, in.F_min, in.mu, in.SD}),
             std::vector<double>({0.5, 0.1, 0.5, 0.5, 3.0, 2.0, -2.5, 0.25, 4.0}));
@@ -89,7 +90,7 @@ TEST(ParseArgs, EveryOptionReachesItsField) {
 
   // Short forms and aliases; -P renames the prefix; lenient number conversion.
   const auto b = parsed("-E yes -c 0.25 -l 13 -R t -F 0 -v 1 -g 1 -o out -P --retry 12xyz");
-  EXPECT_EQ(std::vector<int>({b->each, b->em->em_loop, b->em->RrI, b->em->constrain_F,
+  EXPECT_EQ(std::vector<int>({b->each, b->em->em_loop, b->em->common_R, b->em->constrain_F,
                               b->em->verbose, b->em->retry, b->proc_file}),
             std::vector<int>({1, 13, 1, 0, 1, 12, 1}));
   EXPECT_EQ(b->em->converge, 0.25);

@@ -1,8 +1,8 @@
 #pragma once
 // A textbook Kalman filter and Rauch-Tung-Striebel smoother on small dense
-// matrices, written with plain loops, to check the information-form filter and
-// the smoother against; plus random well-conditioned models and replicated
-// data sets with missing time points and missing objects.
+// matrices, with plain loops, to check the information-form filter and the
+// smoother against; random well-conditioned models and replicated data sets
+// with missing time points and missing objects.
 
 #include <gtest/gtest.h>
 
@@ -13,7 +13,7 @@
 #include <random>
 #include <vector>
 
-#include "core/ssm.h"
+#include "core/model.h"
 
 using namespace tarn;  // NOLINT(google-build-using-namespace)
 
@@ -26,6 +26,7 @@ struct Mat {
   Mat() = default;
   Mat(int r, int c) : rows(r), cols(c), a(static_cast<std::size_t>(r) * c, 0.0) {}
   Mat(int r, int c, const double* src) : Mat(r, c) { std::copy(src, src + a.size(), a.begin()); }
+  Mat(int r, int c, const Matrix& src) : Mat(r, c, src.data()) {}
   double& operator()(int i, int j) { return a[static_cast<std::size_t>(i + j * rows)]; }
   double operator()(int i, int j) const { return a[static_cast<std::size_t>(i + j * rows)]; }
 };
@@ -56,7 +57,7 @@ inline Mat identity(int n) {
   return I;
 }
 
-// Lower Cholesky factor of a symmetric positive definite S (lower half read).
+// Lower Cholesky factor of a symmetric positive definite S.
 inline Mat cholesky(const Mat& S) {
   Mat L(S.rows, S.rows);
   for (int j = 0; j < S.rows; ++j) {
@@ -71,22 +72,20 @@ inline Mat cholesky(const Mat& S) {
 
 // Solves L L' X = B by forward and back substitution.
 inline Mat chol_solve(const Mat& L, Mat B) {
-  const int n = L.rows;
   for (int c = 0; c < B.cols; ++c) {
-    for (int i = 0; i < n; ++i) {
+    for (int i = 0; i < L.rows; ++i) {
       for (int l = 0; l < i; ++l) B(i, c) -= L(i, l) * B(l, c);
       B(i, c) /= L(i, i);
     }
-    for (int i = n - 1; i >= 0; --i) {
-      for (int l = i + 1; l < n; ++l) B(i, c) -= L(l, i) * B(l, c);
+    for (int i = L.rows - 1; i >= 0; --i) {
+      for (int l = i + 1; l < L.rows; ++l) B(i, c) -= L(l, i) * B(l, c);
       B(i, c) /= L(i, i);
     }
   }
   return B;
 }
 
-// Inverse of a symmetric positive definite A.
-inline Mat inverse(const Mat& A) {
+inline Mat inverse(const Mat& A) {  // A symmetric positive definite
   return chol_solve(cholesky(A), identity(A.rows));
 }
 
@@ -119,13 +118,17 @@ inline Model random_model(int p, int k, std::mt19937_64& rng) {
   return m;
 }
 
-// The model in an SSM made for state dimension max(alloc_k, k), packed with k.
-inline std::unique_ptr<SSM> to_ssm(const Model& m, int alloc_k = 0) {
-  auto ssm = SSM_new(m.p, std::max(alloc_k, m.k));
-  const std::pair<const Mat*, double*> fields[] = {{&m.exp, ssm->exp}, {&m.var, ssm->var},
-                                                   {&m.H, ssm->H},     {&m.R, ssm->R},
-                                                   {&m.F, ssm->F},     {&m.Q, ssm->Q}};
-  for (const auto& [src, dst] : fields) std::copy(src->a.begin(), src->a.end(), dst);
+// The model in a record made for max(alloc_k, k) states, packed for k.
+inline std::unique_ptr<StateSpaceModel> to_ssm(const Model& m, int alloc_k = 0) {
+  auto ssm = std::make_unique<StateSpaceModel>(m.p, std::max(alloc_k, m.k));
+  ssm->set_state_dimension(m.k);
+  const std::pair<const Mat*, Matrix*> fields[] = {{&m.exp, &ssm->initial_mean},
+                                                   {&m.var, &ssm->initial_cov},
+                                                   {&m.H, &ssm->H},
+                                                   {&m.R, &ssm->R},
+                                                   {&m.F, &ssm->F},
+                                                   {&m.Q, &ssm->Q}};
+  for (const auto& [src, dst] : fields) std::copy(src->a.begin(), src->a.end(), dst->data());
   return ssm;
 }
 
@@ -149,8 +152,7 @@ inline Data random_series(int p, int T, int n_rep, std::mt19937_64& rng) {
   Data d;
   d.p = p;
   d.T = T;
-  d.sample_at.assign(static_cast<std::size_t>(n_rep),
-                     std::vector<int>(static_cast<std::size_t>(T), -1));
+  d.sample_at.assign(static_cast<std::size_t>(n_rep), std::vector<int>(T, -1));
   std::vector<int*> slots;
   for (auto& rep : d.sample_at)
     for (int& slot : rep)
@@ -158,7 +160,6 @@ inline Data random_series(int p, int T, int n_rep, std::mt19937_64& rng) {
   d.n_samples = static_cast<int>(slots.size());
   std::shuffle(slots.begin(), slots.end(), rng);
   for (std::size_t c = 0; c < slots.size(); ++c) *slots[c] = static_cast<int>(c);
-
   d.Y.assign(static_cast<std::size_t>(p) * d.n_samples, 0.0);
   d.lists.resize(static_cast<std::size_t>(d.n_samples));
   for (int s = 0; s < d.n_samples; ++s) {
@@ -175,7 +176,6 @@ inline Data random_series(int p, int T, int n_rep, std::mt19937_64& rng) {
   return d;
 }
 
-// Whether object i is listed as missing in sample s.
 inline bool is_missing(const Data& d, int s, int i) {
   const auto& list = d.lists[static_cast<std::size_t>(s)];
   return std::find(list.begin(), list.end(), i) != list.end();
@@ -200,11 +200,6 @@ inline Filtered filter(const Model& m, const Data& d, int r) {
     std::vector<int> obs;
     for (int o = 0; s >= 0 && o < m.p; ++o)
       if (!is_missing(d, s, o)) obs.push_back(o);
-    if (obs.empty()) {
-      f.Xf.push_back(xp);
-      f.Vf.push_back(vp);
-      continue;
-    }
     const int n = static_cast<int>(obs.size());
     Mat Ho(n, m.k), e(n, 1), Ro(n, n);
     for (int a = 0; a < n; ++a) {
@@ -217,7 +212,7 @@ inline Filtered filter(const Model& m, const Data& d, int r) {
     const Mat L = cholesky(add(mul(mul(Ho, vp), tr(Ho)), Ro));
     double log_det = 0.0;
     for (int a = 0; a < n; ++a) log_det += 2.0 * std::log(L(a, a));
-    const double quad = mul(tr(e), chol_solve(L, e))(0, 0);
+    const double quad = n == 0 ? 0.0 : mul(tr(e), chol_solve(L, e))(0, 0);
     f.llh += -0.5 * (quad + log_det + n * std::log(2.0 * std::numbers::pi));
     const Mat K = tr(chol_solve(L, mul(Ho, tr(vp))));  // Vp Ho' S^-1
     f.Xf.push_back(add(xp, mul(K, e)));
@@ -237,16 +232,14 @@ inline Smoothed smooth(const Model& m, const Filtered& f) {
   s.Xs[T] = f.Xf[T];
   s.Vs[T] = f.Vf[T];
   for (std::size_t t = T; t-- > 0;) {
-    const Mat J = tr(chol_solve(cholesky(f.Vp[t]), mul(m.F, tr(f.Vf[t]))));
-    s.J[t] = J;
-    s.Xs[t] = add(f.Xf[t], mul(J, add(s.Xs[t + 1], f.Xp[t], -1.0)));
-    s.Vs[t] = add(f.Vf[t], mul(mul(J, add(s.Vs[t + 1], f.Vp[t], -1.0)), tr(J)));
+    s.J[t] = tr(chol_solve(cholesky(f.Vp[t]), mul(m.F, tr(f.Vf[t]))));
+    s.Xs[t] = add(f.Xf[t], mul(s.J[t], add(s.Xs[t + 1], f.Xp[t], -1.0)));
+    s.Vs[t] = add(f.Vf[t], mul(mul(s.J[t], add(s.Vs[t + 1], f.Vp[t], -1.0)), tr(s.J[t])));
   }
   return s;
 }
 
-// Element-wise agreement to 1e-9 of the larger of 1 and the reference's
-// largest magnitude.
+// Agreement to 1e-9 of the larger of 1 and the reference's largest magnitude.
 inline void expect_close(const double* got, const Mat& want, const char* what, std::size_t t) {
   double scale = 1.0;
   for (double x : want.a) scale = std::max(scale, std::fabs(x));

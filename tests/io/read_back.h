@@ -116,8 +116,9 @@ inline dense_ref::Model read_model(const std::filesystem::path& path) {
   const int p = model->p, k = model->k;
   const auto& ssm = model->ssm;
   using dense_ref::Mat;
-  return dense_ref::Model(p, k, Mat(k, 1, ssm->exp), Mat(k, k, ssm->var), Mat(p, k, ssm->H),
-                          Mat(p, 1, ssm->R), Mat(k, k, ssm->F), Mat(k, 1, ssm->Q));
+  return dense_ref::Model(p, k, Mat(k, 1, ssm->initial_mean), Mat(k, k, ssm->initial_cov),
+                          Mat(p, k, ssm->H), Mat(p, 1, ssm->R), Mat(k, k, ssm->F),
+                          Mat(k, 1, ssm->Q));
 }
 
 // Blocks of a combined state file: blocks[r][label] holds the T rows of

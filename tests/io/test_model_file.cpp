@@ -43,10 +43,14 @@ const std::vector<double> kSmallValues = {0.5,     -1.25, 2,      0.25, -0.75, 3
 std::vector<double> values_of(const Result<StoredModel>& model) {
   EXPECT_TRUE(model.ok()) << model.status().message();
   if (!model.ok() || model->p != 3 || model->k != 2) return {};
-  const SSM& m = *model->ssm;
+  const StateSpaceModel& m = *model->ssm;
   std::vector<double> all;
-  const std::pair<const double*, int> blocks[] = {{m.exp, 2}, {m.var, 4}, {m.H, 6},
-                                                  {m.R, 3},   {m.F, 4},   {m.Q, 2}};
+  const std::pair<const double*, int> blocks[] = {{m.initial_mean.data(), 2},
+                                                  {m.initial_cov.data(), 4},
+                                                  {m.H.data(), 6},
+                                                  {m.R.data(), 3},
+                                                  {m.F.data(), 4},
+                                                  {m.Q.data(), 2}};
   for (const auto& [a, n] : blocks) all.insert(all.end(), a, a + n);
   return all;
 }
@@ -73,9 +77,9 @@ TEST(ModelFile, ReaderIgnoresHeadersLineEndingsAndExtras) {
 // below its last decimal reads back.
 TEST(ModelFile, NonFiniteValuesComeBackFromTheWriter) {
   const auto model = read_text(kSmall);
-  SSM& m = *model.value().ssm;
-  m.exp[0] = 3e-20, m.H[4] = std::nan(""), m.Q[1] = -std::nan(""), m.R[2] = HUGE_VAL;
-  m.F[2] = -HUGE_VAL;
+  StateSpaceModel& m = *model.value().ssm;
+  m.initial_mean.data()[0] = 3e-20, m.H.data()[4] = std::nan(""), m.Q.data()[1] = -std::nan("");
+  m.R.data()[2] = HUGE_VAL, m.F.data()[2] = -HUGE_VAL;
   std::FILE* fp = std::tmpfile();
   write_model(&m, 3, 2, fp);
   const std::string text = tarn_test::text_of(fp);

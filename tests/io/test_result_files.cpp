@@ -159,16 +159,18 @@ TEST(ResultFiles, CombinedLayoutAgainstItsOwnModelAndInput) {
 TEST(ResultFiles, EachLayoutWriterPutsHandMadeResultsVerbatim) {
   ScratchDir dir;
   const std::string pre = (dir / "pre").string();
-  auto ssm = SSM_new(2, 2);
+  CanonicalModel c{StateSpaceModel(2, 2), Matrix(2, 2), Matrix(2, 1)};
   double H[] = {1.0, -2.5, 0.125, 3.0}, R[] = {0.5, 4.0}, F[] = {0.25, 0.0, -1.0, 0.75};
   double D[] = {1.0, 2.0, 3.0, 4.0}, L[] = {9.0, 0.0625}, x[] = {-0.5, 8.0};
-  std::copy(H, H + 4, ssm->H.get());
-  std::copy(R, R + 2, ssm->R.get());
-  std::copy(F, F + 4, ssm->F.get());
-  std::copy(x, x + 2, ssm->exp.get());
-  const SSMResult result{2, 2, -1234.5678915, 2469.25, 0, 1, 40000, ssm.get(), D, L};
+  std::copy(H, H + 4, c.model.H.data());
+  std::copy(R, R + 2, c.model.R.data());
+  std::copy(F, F + 4, c.model.F.data());
+  std::copy(x, x + 2, c.model.initial_mean.data());
+  std::copy(D, D + 4, c.D.data());
+  std::copy(L, L + 2, c.L.data());
+  const Estimate result{-1234.5678915, 2469.25, false, true, 40000, &c.model};
   TARN_ERR = std::tmpfile();
-  SSMResult_output_each(&result, pre.c_str(), "txt", 3);
+  SSMResult_output_each(&result, &c, pre.c_str(), "txt", 3);
   std::string log = "Outputting files: " + pre + ".D002.S003.*.txt\n";
   for (const char* label : {"H", "R", "F", "D", "L", "x", "B"})
     log += pre + ".D002.S003." + label + ".txt ...\n";
