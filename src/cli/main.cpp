@@ -49,8 +49,8 @@ void print_banner(const Args* args) {
 
 Status run_mode(const Args* args, const SSMData* data) {
   if (args->ssm_file != nullptr) {
-    return apply_Kalman(args->ssm_file, data, args->em->update_mu, args->prefix, args->suffix,
-                        args->id, args->each, args->output_option);
+    return apply_stored_model(args->ssm_file, *data, args->em->update_mu != 0, args->id,
+                              {args->prefix, args->suffix, args->each != 0, false, TARN_ERR});
   }
   if (args->sge != 0) {
     single_set(args, data);

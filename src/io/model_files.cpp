@@ -3,38 +3,51 @@
 #include <algorithm>
 
 #include "core/canonical_form.h"
+#include "core/kalman.h"
 #include "io/output_file.h"
-#include "io/result_writers.h"
 
 namespace tarn {
 
-void ssm_output(const Estimate* result, Workspace* work, Trajectory* state_store,
-                const SSMData* data, const char* prefix, const char* suffix, int set_no, int each,
-                int state, int output_option) {
-  CanonicalModel canonical = to_canonical_form(*result->model, work);
-  const int k = canonical.model.k();
-  // All files of the set are written before any of them is put in place.
-  StagedSet files;
-  if (state != 0) {
-    if (each != 0) {
-      Kalman_apply_output_each(&canonical.model, k, data, state_store, work, prefix, suffix, set_no,
-                               output_option, &files);
-    } else {
-      Kalman_apply_output(&canonical.model, k, data, state_store, work, prefix, suffix, set_no,
-                          output_option, &files);
-    }
-    // With the state variables, the D and L blocks of the result files hold
-    // R^-1 H of the canonical model (p x k, read as k x p) and the state
-    // correction of the last measurement update of the filter runs above.
-    canonical.D = information_matrix_as_module(canonical.model);
-    std::copy_n(work->correction.data(), k, canonical.L.data());
+namespace {
+
+// With the state variables written, the D and L blocks of the result files
+// hold R^-1 H of the canonical model (p x k, read as k x p) and the state
+// correction of the last measurement update of the filter runs for them.
+void use_filter_output_as_module(const Workspace& work, CanonicalModel* canonical) {
+  canonical->D = information_matrix_as_module(canonical->model);
+  std::copy_n(work.correction.data(), canonical->model.k(), canonical->L.data());
+}
+
+}  // namespace
+
+Status write_states(const StateSpaceModel& model, const SSMData& data, StateWriter* writer,
+                    Trajectory* trajectory, Workspace* work) {
+  if (!writer->wants_states()) return {};
+  for (int r = 0; r < data.n_replicates; ++r) {
+    run_filter(model, replicate_view(data, r), trajectory, work);
+    run_smoother(trajectory, work);
+    if (Status written = writer->write_replicate(r, *trajectory); !written.ok()) return written;
   }
-  if (each != 0) {
-    SSMResult_output_each(result, &canonical, prefix, suffix, set_no, &files);
-  } else {
-    SSMResult_output(result, &canonical, prefix, suffix, set_no, &files);
+  return {};
+}
+
+Status write_result_set(const Estimate& result, int set, const SSMData& data,
+                        const OutputOptions& options, Trajectory* trajectory, Workspace* work) {
+  CanonicalModel canonical = to_canonical_form(*result.model, work);
+  const SetFiles files{&options, canonical.model.k(), set};
+  // All files of the set are written before any of them is put in place;
+  // on failure the staged ones go with the object.
+  StagedSet staged;
+  if (options.state) {
+    StateWriter writer(canonical.model, data, files, &staged);
+    Status done = writer.begin();
+    if (done.ok()) done = write_states(canonical.model, data, &writer, trajectory, work);
+    if (done.ok()) done = writer.finish();
+    if (!done.ok()) return done;
+    use_filter_output_as_module(*work, &canonical);
   }
-  files.publish();
+  if (Status done = write_result_files(result, canonical, files, &staged); !done.ok()) return done;
+  return staged.publish();
 }
 
 }  // namespace tarn

@@ -8,15 +8,15 @@
 #include <cerrno>
 #include <utility>
 
-#include "io/log.h"
-
 namespace tarn {
 
 namespace {
 
-constexpr const char* kWriteFailed = "ERROR: Failed to write file: ";
-
 std::atomic<unsigned> temp_counter{0};
+
+Status write_failed(const std::string& name) {
+  return Status::error("ERROR: Failed to write file: " + name);
+}
 
 // fsync, where the file system can sync at all.
 bool synced(int fd) {
@@ -33,54 +33,32 @@ bool sync_directory(const std::string& dir) {
   return ok;
 }
 
-// Flushes, syncs and closes the stream; false when any of it failed.
-bool finish(OutputFile* file) {
-  const bool written =
-      std::ferror(file->fp) == 0 && std::fflush(file->fp) == 0 && synced(fileno(file->fp));
-  const bool closed = std::fclose(file->fp) == 0;
-  file->fp = nullptr;
-  return written && closed;
-}
-
-[[noreturn]] void fail_file(const OutputFile* file, StagedSet* set) {
-  unlink(file->temp_name.c_str());
-  OutputFile_fail(set, kWriteFailed, file->final_name.c_str());
-}
-
-void place(const OutputFile* file, StagedSet* set) {
-  if (std::rename(file->temp_name.c_str(), file->final_name.c_str()) != 0 ||
-      !sync_directory(OutputFile_directory_of(file->final_name))) {
-    fail_file(file, set);
-  }
-}
-
 }  // namespace
 
 void StagedSet::add(std::string temp_name, std::string final_name) {
   files_.push_back({std::move(temp_name), std::move(final_name)});
 }
 
-void StagedSet::publish() {
-  if (files_.empty()) return;
-  auto fail_at = [this](const Staged& file) {
-    const std::string name = file.final_name;
-    OutputFile_fail(this, kWriteFailed, name.c_str());
-  };
+Status StagedSet::publish() {
+  if (files_.empty()) return {};
   const Staged& summary = files_.back();
-  const std::string dir = OutputFile_directory_of(summary.final_name);
+  const std::string dir = directory_of(summary.final_name);
   // Without its summary an older set no longer counts as whole.
-  if (unlink(summary.final_name.c_str()) != 0 && errno != ENOENT) fail_at(summary);
+  if (unlink(summary.final_name.c_str()) != 0 && errno != ENOENT) {
+    return write_failed(summary.final_name);
+  }
   for (std::size_t i = 0; i + 1 < files_.size(); ++i) {
     if (std::rename(files_[i].temp_name.c_str(), files_[i].final_name.c_str()) != 0) {
-      fail_at(files_[i]);
+      return write_failed(files_[i].final_name);
     }
   }
   if (!sync_directory(dir) ||
       std::rename(summary.temp_name.c_str(), summary.final_name.c_str()) != 0 ||
       !sync_directory(dir)) {
-    fail_at(summary);
+    return write_failed(summary.final_name);
   }
   files_.clear();
+  return {};
 }
 
 void StagedSet::discard() {
@@ -88,60 +66,80 @@ void StagedSet::discard() {
   files_.clear();
 }
 
-std::string OutputFile_directory_of(const std::string& path) {
+std::string directory_of(const std::string& path) {
   const auto slash = path.find_last_of('/');
   return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
 }
 
-int OutputFile_create_temp(const std::string& dir, std::string* temp_name) {
+int create_temp_file(const std::string& dir, std::string* temp_name) {
   for (int attempt = 0; attempt < 100; ++attempt) {
     // A short hidden name: the final name's own length never pushes it past
     // the file system's limit on a name.
     *temp_name = dir + ".tarnssm-" + std::to_string(getpid()) + "-" +
                  std::to_string(temp_counter.fetch_add(1)) + ".part";
-    const int fd = open(temp_name->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    const int fd = ::open(temp_name->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (fd >= 0 || errno != EEXIST) return fd;
   }
   return -1;
 }
 
-bool OutputFile_open(OutputFile* file, const char* name) {
-  file->final_name = name;
+OutputFile::~OutputFile() {
+  if (fp_ == nullptr) return;
+  std::fclose(fp_);
+  unlink(temp_name_.c_str());
+}
+
+bool OutputFile::open(const std::string& name) {
+  final_name_ = name;
   // What could not be opened for writing under its own name is refused here.
   struct stat st {};
-  if (stat(name, &st) == 0 && (S_ISDIR(st.st_mode) || access(name, W_OK) != 0)) return false;
-  const std::string dir = OutputFile_directory_of(file->final_name);
+  if (stat(name.c_str(), &st) == 0 && (S_ISDIR(st.st_mode) || access(name.c_str(), W_OK) != 0)) {
+    return false;
+  }
+  const std::string dir = directory_of(final_name_);
   const long name_max = pathconf(dir.empty() ? "." : dir.c_str(), _PC_NAME_MAX);
-  const std::size_t base_length = file->final_name.size() - dir.size();
+  const std::size_t base_length = final_name_.size() - dir.size();
   if (base_length == 0 || (name_max > 0 && base_length > static_cast<std::size_t>(name_max))) {
     return false;
   }
-  const int fd = OutputFile_create_temp(dir, &file->temp_name);
+  const int fd = create_temp_file(dir, &temp_name_);
   if (fd < 0) return false;
-  file->fp = fdopen(fd, "w");
-  if (file->fp != nullptr) return true;
+  fp_ = fdopen(fd, "w");
+  if (fp_ != nullptr) return true;
   close(fd);
-  unlink(file->temp_name.c_str());
+  unlink(temp_name_.c_str());
   return false;
 }
 
-void OutputFile_commit(OutputFile* file, StagedSet* set) {
-  if (!finish(file)) fail_file(file, set);
-  if (set != nullptr) {
-    set->add(file->temp_name, file->final_name);
-  } else {
-    place(file, nullptr);
+// Flushes, syncs and closes the stream; the temporary is removed on failure.
+Status OutputFile::finish() {
+  const bool written = std::ferror(fp_) == 0 && std::fflush(fp_) == 0 && synced(fileno(fp_));
+  const bool closed = std::fclose(fp_) == 0;
+  fp_ = nullptr;
+  if (written && closed) return {};
+  unlink(temp_name_.c_str());
+  return write_failed(final_name_);
+}
+
+Status OutputFile::place() {
+  if (std::rename(temp_name_.c_str(), final_name_.c_str()) != 0 ||
+      !sync_directory(directory_of(final_name_))) {
+    unlink(temp_name_.c_str());
+    return write_failed(final_name_);
   }
+  return {};
 }
 
-void OutputFile_commit_beside(OutputFile* file, StagedSet* set) {
-  if (!finish(file)) fail_file(file, set);
-  place(file, set);
+Status OutputFile::commit(StagedSet* set) {
+  if (Status done = finish(); !done.ok()) return done;
+  if (set == nullptr) return place();
+  set->add(temp_name_, final_name_);
+  return {};
 }
 
-void OutputFile_fail(StagedSet* set, const char* words, const char* file_name) {
-  if (set != nullptr) set->discard();
-  tarn_fatal("%s%s\n", words, file_name);
+Status OutputFile::commit_at_once() {
+  if (Status done = finish(); !done.ok()) return done;
+  return place();
 }
 
 }  // namespace tarn

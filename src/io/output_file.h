@@ -11,13 +11,9 @@
 #include <string>
 #include <vector>
 
-namespace tarn {
+#include "io/status.h"
 
-struct OutputFile {
-  std::FILE* fp = nullptr;
-  std::string final_name;
-  std::string temp_name;
-};
+namespace tarn {
 
 // The finished temporaries of one result set. The file staged last is the
 // set's summary: publish() removes the older summary first and renames the
@@ -31,9 +27,9 @@ class StagedSet {
 
   void add(std::string temp_name, std::string final_name);
   // Puts every staged file in place in staging order, the summary after a
-  // sync of the directory, and syncs the directory again. A failure ends the
-  // process with "ERROR: Failed to write file: %s".
-  void publish();
+  // sync of the directory, and syncs the directory again. Fails with
+  // "ERROR: Failed to write file: NAME"; the temporaries go with the object.
+  Status publish();
   // Removes the temporaries not yet published.
   void discard();
 
@@ -45,30 +41,46 @@ class StagedSet {
   std::vector<Staged> files_;
 };
 
-// Creates the temporary file beside name. Returns false, with nothing
-// created, when that is impossible (the directory is missing or read-only).
-bool OutputFile_open(OutputFile* file, const char* name);
+// One file being written under its temporary name. Dropped unfinished, it is
+// closed and its temporary removed.
+class OutputFile {
+ public:
+  OutputFile() = default;
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
+  ~OutputFile();
+
+  // Creates the temporary beside name. Returns false, with nothing created,
+  // when that is impossible (the directory is missing or read-only).
+  bool open(const std::string& name);
+
+  std::FILE* stream() const { return fp_; }
+
+  // Flushes, syncs and closes the stream. With no set, renames the file into
+  // place at once and syncs its directory; with a set, hands the temporary to
+  // it for publish(). A failed write, sync, close or rename (a full disk, a
+  // file size limit) fails with "ERROR: Failed to write file: NAME", leaving
+  // no temporary of the file behind.
+  Status commit(StagedSet* set);
+
+  // For a file shared by all sets (the observed data): renamed into place at
+  // once even while a set is being written.
+  Status commit_at_once();
+
+ private:
+  Status finish();
+  Status place();
+
+  std::FILE* fp_ = nullptr;
+  std::string final_name_;
+  std::string temp_name_;
+};
 
 // The directory part of path with its trailing '/', or "" for none.
-std::string OutputFile_directory_of(const std::string& path);
+std::string directory_of(const std::string& path);
 
 // Creates an empty hidden temporary file in dir ("" or ending in '/') and
 // returns its descriptor, or -1 with errno set.
-int OutputFile_create_temp(const std::string& dir, std::string* temp_name);
-
-// Flushes, syncs and closes the stream. With no set, renames the file into
-// place at once and syncs its directory; with a set, hands the temporary to
-// it for publish(). A failed write, sync, close or rename (a full disk, a
-// file size limit) ends the process with "ERROR: Failed to write file: %s",
-// leaving no temporary of the file or of the set behind.
-void OutputFile_commit(OutputFile* file, StagedSet* set = nullptr);
-
-// A file shared by all sets (the observed data), renamed into place at once
-// while set is being written; a failure also removes the set's temporaries.
-void OutputFile_commit_beside(OutputFile* file, StagedSet* set);
-
-// Removes the set's temporaries, if there is a set, and ends the process with
-// the line words followed by file_name.
-[[noreturn]] void OutputFile_fail(StagedSet* set, const char* words, const char* file_name = "");
+int create_temp_file(const std::string& dir, std::string* temp_name);
 
 }  // namespace tarn

@@ -1,56 +1,88 @@
 #pragma once
 // The files written for a finished model: state variables (one combined file,
 // or one file per quantity and replicate) and the result files.
+//
+// Each writer takes the result set its files belong to: they are then staged
+// in it and put in place by its publish(). With none (nullptr, as in the
+// apply mode) every file is put in place as soon as it is written. Errors
+// come back as a Status holding the line to print; progress lines go to the
+// log stream of the options.
+
+#include <cstdio>
+#include <string>
+#include <vector>
 
 #include "core/canonical_form.h"
 #include "core/data_set.h"
 #include "core/em.h"
+#include "io/output_file.h"
+#include "io/status.h"
 
 namespace tarn {
 
-class StagedSet;
+// Where and how the files of a set are written.
+struct OutputOptions {
+  const char* prefix;  // -o
+  const char* suffix;  // -e
+  bool each;           // one file per quantity (and replicate)
+  bool state;          // write the state variables as well
+  std::FILE* log;      // progress lines and warnings
+};
 
-// Each writer takes, last, the result set its files belong to: they are then
-// staged in it and put in place by its publish(). With none (nullptr, as in
-// the apply mode) every file is put in place as soon as it is written.
+// The name of one file of set (state dimension k, set number set):
+//   replicate 0:  "%s.D%03d.S%03d.%s.%s"    prefix, k, set, label, suffix
+//   replicate r:  "%s.D%03d.S%03d.%s.%d.%s" prefix, k, set, label, r, suffix
+// and with shared (the observed data, the same for all sets) "%s.%s.%d.%s"
+// of prefix, label, r, suffix. A name is cut where it does not fit: at 1023
+// characters, 255 for the shared files; fits tells whether it did.
+struct FileName {
+  std::string text;
+  bool fits;
+};
+struct SetFiles {
+  const OutputOptions* options;
+  int k;
+  int set;
+};
+FileName result_file_name(const SetFiles& files, const char* label, int replicate = 0,
+                          bool shared = false);
 
-// All replicates and quantities in "%s.D%03d.S%03d.K.%s". A file that cannot
-// be opened is only a warning here.
-void Kalman_apply_output(const StateSpaceModel* ssm, int k, const SSMData* data, Trajectory* state,
-                         Workspace* work, const char* prefix, const char* suffix, int set,
-                         int output_option, StagedSet* files = nullptr);
+// The model with D and L of canonical in ".A." and the summary line in ".B."
+// or, with each, seven files labelled H, R, F, D, L, x, B.
+Status write_result_files(const Estimate& result, const CanonicalModel& canonical,
+                          const SetFiles& files, StagedSet* staged);
 
-// One file per quantity and replicate: "%s.D%03d.S%03d.%s.%d.%s", and the
-// observed data in "%s.%s.%d.%s", which all sets share and which is
-// therefore put in place at once.
-void Kalman_apply_output_each(const StateSpaceModel* ssm, int k, const SSMData* data,
-                              Trajectory* state, Workspace* work, const char* prefix,
-                              const char* suffix, int set, int output_option,
-                              StagedSet* files = nullptr);
+// The state variables of a model over the replicates of a data set, written
+// from the trajectories of the filter and smoother run per replicate:
+//   StateWriter writer(model, data, files, staged);
+//   Status s = writer.begin();
+//   for each replicate r, while writer.wants_states(): run the passes, then
+//     s = writer.write_replicate(r, trajectory);
+//   s = writer.finish();
+// Combined, all replicates go to ".K." (a file that cannot be opened is only
+// a warning, and then no replicate is wanted); with each, one file per
+// quantity and replicate, and the observed data of each replicate in a
+// shared file put in place at once.
+class StateWriter {
+ public:
+  StateWriter(const StateSpaceModel& model, const SSMData& data, const SetFiles& files,
+              StagedSet* staged);
 
-// T rows of k values, from the T vectors at x[0] .. x[T - 1].
-void SSMState_output(const char* file_name, const double* const* x, int k, int T,
-                     StagedSet* files = nullptr);
+  Status begin();
+  bool wants_states() const { return files_.options->each || combined_.stream() != nullptr; }
+  Status write_replicate(int r, const Trajectory& trajectory);
+  Status finish();
 
-// T rows of the p values H x[t], formed in buffer (p doubles).
-void SSM_output_Hx(const char* file_name, const double* H, const double* const* x, int p, int k,
-                   int T, double* buffer, StagedSet* files = nullptr);
+ private:
+  void write_combined(int r, const Trajectory& trajectory);
+  Status write_each(int r, const Trajectory& trajectory);
 
-// T rows of the observed values of replicate r, "NAN" where nothing is observed.
-// Put in place at once; a failure also removes the temporaries of files.
-void SSMData_output(const SSMData* data, const char* file_name, int r, StagedSet* files = nullptr);
-
-// The model, D and L in "%s.D%03d.S%03d.A.%s", and the summary line in ".B.".
-void SSMResult_output(const Estimate* result, const CanonicalModel* canonical, const char* prefix,
-                      const char* suffix, int set, StagedSet* files = nullptr);
-
-// Seven files "%s.D%03d.S%03d.%s.%s" with the labels H, R, F, D, L, x, B.
-void SSMResult_output_each(const Estimate* result, const CanonicalModel* canonical,
-                           const char* prefix, const char* suffix, int set,
-                           StagedSet* files = nullptr);
-
-// A column-major rows x columns matrix, "%.15f" separated by two spaces.
-void SSMResult_output_matrix(const char* file_name, const double* matrix, int rows, int columns,
-                             StagedSet* files = nullptr);
+  const StateSpaceModel& model_;
+  const SSMData& data_;
+  SetFiles files_;
+  StagedSet* staged_;
+  OutputFile combined_;
+  std::vector<double> image_;  // p: H x of one row
+};
 
 }  // namespace tarn

@@ -45,7 +45,7 @@ std::uint64_t fnv1a(const std::string& text) {
 // name would be too long for the directory.
 std::string lock_path(const char* prefix, const char* suffix, SetId id) {
   const std::string summary = std::string(prefix) + "." + set_label(id) + ".B." + suffix;
-  const std::string dir = OutputFile_directory_of(summary);
+  const std::string dir = directory_of(summary);
   const std::string base = summary.substr(dir.size());
   std::string name(".");
   name.append(base).append(".lock");
@@ -123,7 +123,7 @@ std::string take_set_locks(const char* prefix, const char* suffix, std::span<con
 
 std::string check_output_folder(const char* prefix) {
   std::string temp_name;
-  const int fd = OutputFile_create_temp(OutputFile_directory_of(prefix), &temp_name);
+  const int fd = create_temp_file(directory_of(prefix), &temp_name);
   if (fd < 0) return folder_error(prefix, errno);
   close(fd);
   unlink(temp_name.c_str());

@@ -1,7 +1,6 @@
+#include <array>
 #include <cstdio>
 
-#include "core/kalman.h"
-#include "io/log.h"
 #include "io/output_file.h"
 #include "io/result_writers.h"
 #include "io/text_out.h"
@@ -15,16 +14,19 @@ constexpr int kStatePrecision = 17;
 constexpr int kDataPrecision = 15;
 
 // e = H x.
-void image_through_H(const double* H, const double* x, int p, int k, double* e) {
-  dgemv_("N", &p, &k, &blas::kOne, H, &p, x, &blas::kIncOne, &blas::kZero, e, &blas::kIncOne);
+void image_through_H(const StateSpaceModel& model, const double* x, double* e) {
+  const int p = model.p();
+  const int k = model.k();
+  dgemv_("N", &p, &k, &blas::kOne, model.H.data(), &p, x, &blas::kIncOne, &blas::kZero, e,
+         &blas::kIncOne);
 }
 
 // The p fields of replicate r at time index t: values, or "NAN" where missing.
-void put_observed_row(std::FILE* fp, const SSMData* data, int r, int t) {
-  const int p = data->p;
-  const int s = data->sample_at[static_cast<std::size_t>(r)][t];
-  const int* m = s == -1 ? nullptr : data->missing[static_cast<std::size_t>(s)];
-  const double* y = s == -1 ? nullptr : data->Y.data() + static_cast<std::size_t>(s) * p;
+void put_observed_row(std::FILE* fp, const SSMData& data, int r, int t) {
+  const int p = data.p;
+  const int s = data.sample_at[static_cast<std::size_t>(r)][t];
+  const int* m = s == -1 ? nullptr : data.missing[static_cast<std::size_t>(s)];
+  const double* y = s == -1 ? nullptr : data.Y.data() + static_cast<std::size_t>(s) * p;
   for (int j = 0; j < p; ++j) {
     if (j > 0) fputc_unlocked('\t', fp);
     if (s == -1 || *m == j) {
@@ -37,10 +39,17 @@ void put_observed_row(std::FILE* fp, const SSMData* data, int r, int t) {
   fputc_unlocked('\n', fp);
 }
 
-void filter_and_smooth(const StateSpaceModel* ssm, const SSMData* data, Trajectory* state,
-                       Workspace* work, int r) {
-  run_filter(*ssm, replicate_view(*data, r), state, work);
-  run_smoother(state, work);
+// The three state tables as T rows each: Xp from entry 0, Xf and Xs from 1.
+struct StateRows {
+  const char* x_label;
+  const char* y_label;
+  const double* const* rows;
+};
+
+std::array<StateRows, 3> state_rows(const Trajectory& s) {
+  return {{{"Xp", "Yp", s.predicted_mean.entries()},
+           {"Xf", "Yf", s.filtered_mean.entries() + 1},
+           {"Xs", "Ys", s.smoothed_mean.entries() + 1}}};
 }
 
 // "# label" block of the combined file: T rows "t\tv1\tv2...", then "\n\n".
@@ -56,117 +65,96 @@ void put_block(std::FILE* fp, const char* label, int T, Row row) {
 
 // The state files fail with "ERROR: Cannot open file", the data file with
 // the same words but no "ERROR: " in front.
-OutputFile open_or_die(const char* name, bool error_prefix, StagedSet* files) {
-  OutputFile file;
-  if (!OutputFile_open(&file, name)) {
-    OutputFile_fail(files, error_prefix ? "ERROR: Cannot open file: " : "Cannot open file: ", name);
-  }
-  return file;
+Status cannot_open(const std::string& name, bool error_prefix) {
+  return Status::error((error_prefix ? "ERROR: Cannot open file: " : "Cannot open file: ") + name);
 }
 
 }  // namespace
 
-void Kalman_apply_output(const StateSpaceModel* ssm, int k, const SSMData* data, Trajectory* state,
-                         Workspace* work, const char* prefix, const char* suffix, int set,
-                         int /*output_option*/, StagedSet* files) {
-  char name[1024];
-  const int len = std::snprintf(name, sizeof name, "%s.D%03d.S%03d.K.%s", prefix, k, set, suffix);
-  if (len < 0 || len >= static_cast<int>(sizeof name)) {
-    OutputFile_fail(files, "ERROR: Output prefix and/or postfix too long.");
+StateWriter::StateWriter(const StateSpaceModel& model, const SSMData& data, const SetFiles& files,
+                         StagedSet* staged)
+    : model_(model),
+      data_(data),
+      files_(files),
+      staged_(staged),
+      image_(static_cast<std::size_t>(model.p())) {}
+
+Status StateWriter::begin() {
+  if (files_.options->each) return {};
+  std::FILE* log = files_.options->log;
+  const FileName name = result_file_name(files_, "K");
+  if (!name.fits) return Status::error("ERROR: Output prefix and/or postfix too long.");
+  std::fprintf(log, "Outputting the calculated state variables: %s\n", name.text.c_str());
+  std::fflush(log);
+  if (!combined_.open(name.text)) {
+    std::fprintf(log, "WARNING: Cannot open file: %s\n", name.text.c_str());
   }
-  std::fprintf(TARN_ERR, "Outputting the calculated state variables: %s\n", name);
-  std::fflush(TARN_ERR);
+  return {};
+}
+
+Status StateWriter::write_replicate(int r, const Trajectory& trajectory) {
+  if (files_.options->each) return write_each(r, trajectory);
+  write_combined(r, trajectory);
+  return {};
+}
+
+Status StateWriter::finish() {
+  if (combined_.stream() == nullptr) return {};
+  return combined_.commit(staged_);
+}
+
+void StateWriter::write_combined(int r, const Trajectory& trajectory) {
+  std::FILE* fp = combined_.stream();
+  const int k = model_.k();
+  const int p = data_.p;
+  const int T = data_.T;
+  std::fprintf(fp, "# REPLICATE %d\n", r + 1);
+  const auto tables = state_rows(trajectory);
+  for (const StateRows& x : tables) {
+    put_block(fp, x.x_label, T,
+              [&](int t) { put_row(fp, x.rows[t], k, 1, kStatePrecision, "\t"); });
+  }
+  for (const StateRows& x : tables) {
+    put_block(fp, x.y_label, T, [&](int t) {
+      image_through_H(model_, x.rows[t], image_.data());
+      put_row(fp, image_.data(), p, 1, kStatePrecision, "\t");
+    });
+  }
+  put_block(fp, "Y", T, [&](int t) { put_observed_row(fp, data_, r, t); });
+}
+
+Status StateWriter::write_each(int r, const Trajectory& trajectory) {
+  std::FILE* log = files_.options->log;
+  const int k = model_.k();
+  const int p = data_.p;
+  const int T = data_.T;
+  // Names that do not fit are cut (result_file_name).
+  auto announce = [log](const std::string& name) {
+    std::fprintf(log, "%s ...\n", name.c_str());
+    std::fflush(log);
+    return name;
+  };
+  const auto tables = state_rows(trajectory);
+  for (const bool image : {false, true}) {
+    for (const StateRows& x : tables) {
+      const std::string name =
+          announce(result_file_name(files_, image ? x.y_label : x.x_label, r + 1).text);
+      OutputFile file;
+      if (!file.open(name)) return cannot_open(name, true);
+      for (int t = 0; t < T; ++t) {
+        const double* row = x.rows[t];
+        if (image) image_through_H(model_, x.rows[t], image_.data());
+        put_row(file.stream(), image ? image_.data() : row, image ? p : k, 1, kStatePrecision,
+                "\t");
+      }
+      if (Status done = file.commit(staged_); !done.ok()) return done;
+    }
+  }
+  const std::string name = announce(result_file_name(files_, "Y", r + 1, true).text);
   OutputFile file;
-  if (!OutputFile_open(&file, name)) {
-    std::fprintf(TARN_ERR, "WARNING: Cannot open file: %s\n", name);
-    return;
-  }
-  std::FILE* fp = file.fp;
-  const int p = data->p;
-  const int T = data->T;
-  const double* H = ssm->H.data();
-  const Trajectory* s = state;
-  for (int r = 0; r < data->n_replicates; ++r) {
-    std::fprintf(fp, "# REPLICATE %d\n", r + 1);
-    filter_and_smooth(ssm, data, state, work, r);
-    auto x_row = [&](const StateTable& x, int offset) {
-      return
-          [&x, offset, fp, k](int t) { put_row(fp, x[t + offset], k, 1, kStatePrecision, "\t"); };
-    };
-    auto hx_row = [&](const StateTable& x, int offset) {
-      return [&x, offset, fp, H, p, k, work](int t) {
-        image_through_H(H, x[t + offset], p, k, work->innovation.data());
-        put_row(fp, work->innovation.data(), p, 1, kStatePrecision, "\t");
-      };
-    };
-    put_block(fp, "Xp", T, x_row(s->predicted_mean, 0));
-    put_block(fp, "Xf", T, x_row(s->filtered_mean, 1));
-    put_block(fp, "Xs", T, x_row(s->smoothed_mean, 1));
-    put_block(fp, "Yp", T, hx_row(s->predicted_mean, 0));
-    put_block(fp, "Yf", T, hx_row(s->filtered_mean, 1));
-    put_block(fp, "Ys", T, hx_row(s->smoothed_mean, 1));
-    put_block(fp, "Y", T, [&](int t) { put_observed_row(fp, data, r, t); });
-  }
-  OutputFile_commit(&file, files);
-}
-
-void SSMState_output(const char* file_name, const double* const* x, int k, int T,
-                     StagedSet* files) {
-  OutputFile file = open_or_die(file_name, true, files);
-  for (int t = 0; t < T; ++t) put_row(file.fp, x[t], k, 1, kStatePrecision, "\t");
-  OutputFile_commit(&file, files);
-}
-
-void SSM_output_Hx(const char* file_name, const double* H, const double* const* x, int p, int k,
-                   int T, double* buffer, StagedSet* files) {
-  OutputFile file = open_or_die(file_name, true, files);
-  for (int t = 0; t < T; ++t) {
-    image_through_H(H, x[t], p, k, buffer);
-    put_row(file.fp, buffer, p, 1, kStatePrecision, "\t");
-  }
-  OutputFile_commit(&file, files);
-}
-
-void SSMData_output(const SSMData* data, const char* file_name, int r, StagedSet* files) {
-  OutputFile file = open_or_die(file_name, false, files);
-  for (int t = 0; t < data->T; ++t) put_observed_row(file.fp, data, r, t);
-  OutputFile_commit_beside(&file, files);
-}
-
-void Kalman_apply_output_each(const StateSpaceModel* ssm, int k, const SSMData* data,
-                              Trajectory* state, Workspace* work, const char* prefix,
-                              const char* suffix, int set, int /*output_option*/,
-                              StagedSet* files) {
-  const int p = data->p;
-  const int T = data->T;
-  const Trajectory* s = state;
-  for (int r = 0; r < data->n_replicates; ++r) {
-    filter_and_smooth(ssm, data, state, work, r);
-    // Names that do not fit their buffer are cut at its end.
-    auto name_of = [&](char* buf, std::size_t size, const char* label) {
-      std::snprintf(buf, size, "%s.D%03d.S%03d.%s.%d.%s", prefix, k, set, label, r + 1, suffix);
-      std::fprintf(TARN_ERR, "%s ...\n", buf);
-      std::fflush(TARN_ERR);
-    };
-    const double* const* tables[] = {s->predicted_mean.entries(), s->filtered_mean.entries() + 1,
-                                     s->smoothed_mean.entries() + 1};
-    const char* x_labels[] = {"Xp", "Xf", "Xs"};
-    const char* y_labels[] = {"Yp", "Yf", "Ys"};
-    char name[1024];
-    for (int q = 0; q < 3; ++q) {
-      name_of(name, sizeof name, x_labels[q]);
-      SSMState_output(name, tables[q], k, T, files);
-    }
-    for (int q = 0; q < 3; ++q) {
-      name_of(name, sizeof name, y_labels[q]);
-      SSM_output_Hx(name, ssm->H.data(), tables[q], p, k, T, work->innovation.data(), files);
-    }
-    char data_name[256];
-    std::snprintf(data_name, sizeof data_name, "%s.%s.%d.%s", prefix, "Y", r + 1, suffix);
-    std::fprintf(TARN_ERR, "%s ...\n", data_name);
-    std::fflush(TARN_ERR);
-    SSMData_output(data, data_name, r, files);
-  }
+  if (!file.open(name)) return cannot_open(name, false);
+  for (int t = 0; t < T; ++t) put_observed_row(file.stream(), data_, r, t);
+  return file.commit_at_once();
 }
 
 }  // namespace tarn

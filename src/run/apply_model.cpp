@@ -1,11 +1,14 @@
 #include "run/apply_model.h"
 
+#include <algorithm>
+#include <memory>
+#include <string>
+
 #include "core/kalman.h"
-#include "io/log.h"
 #include "io/memory_budget.h"
 #include "io/model_file.h"
+#include "io/model_files.h"
 #include "io/read_table.h"
-#include "io/result_writers.h"
 #include "linalg/blas.h"
 
 namespace tarn {
@@ -15,16 +18,17 @@ namespace {
 // One filter and smoother sweep over the replicates under the stored model,
 // accumulating w Xs[0] in the smoother's state_difference, so that each
 // replicate's sweep leaves Xs[1] - Xp[0] there before the addition.
-void estimate_initial_state(StateSpaceModel* ssm, int k, const SSMData* data, Trajectory* state,
-                            Workspace* work) {
-  std::fprintf(TARN_ERR,
+void estimate_initial_state(std::FILE* log, const SSMData& data, Trajectory* state, Workspace* work,
+                            StateSpaceModel* ssm) {
+  std::fprintf(log,
                "Applying Kalman filter and smoother for estimating the initial state variable.\n");
-  std::fflush(TARN_ERR);
+  std::fflush(log);
+  const int k = ssm->k();
   double* sum = work->state_difference.data();
   std::fill_n(sum, k, 0.0);
-  const double w = 1.0 / data->n_replicates;
-  for (int r = 0; r < data->n_replicates; ++r) {
-    run_filter(*ssm, replicate_view(*data, r), state, work);
+  const double w = 1.0 / data.n_replicates;
+  for (int r = 0; r < data.n_replicates; ++r) {
+    run_filter(*ssm, replicate_view(data, r), state, work);
     run_smoother(state, work);
     daxpy_(&k, &w, state->smoothed_mean[0], &blas::kIncOne, sum, &blas::kIncOne);
   }
@@ -33,54 +37,58 @@ void estimate_initial_state(StateSpaceModel* ssm, int k, const SSMData* data, Tr
 
 // The filter's tables over every time point and its scratch must fit in the
 // memory the run may use before they are allocated.
-void require_memory(int p, int k, const SSMData* data) {
-  const double need = trajectory_bytes(k, data->T) + workspace_bytes(p, k, false) +
-                      2.0 * model_bytes(p, k) + 8.0 * static_cast<double>(data->Y.size());
+Status check_memory(int p, int k, const SSMData& data) {
+  const double need = trajectory_bytes(k, data.T) + workspace_bytes(p, k, false) +
+                      2.0 * model_bytes(p, k) + 8.0 * static_cast<double>(data.Y.size());
   const double limit = memory_limit_bytes();
-  if (need > limit) {
-    tarn_fatal(
-        "ERROR: The job needs about %s of memory (%d objects, %d time points, dimension %d), "
-        "more than the %s this run may use.\n",
-        format_bytes(need).c_str(), p, data->T, k, format_bytes(limit).c_str());
+  if (need <= limit) return {};
+  return Status::error("ERROR: The job needs about " + format_bytes(need) + " of memory (" +
+                       std::to_string(p) + " objects, " + std::to_string(data.T) +
+                       " time points, dimension " + std::to_string(k) + "), more than the " +
+                       format_bytes(limit) + " this run may use.");
+}
+
+// The model read must fit the data and the memory before anything is run.
+Status check_fit(const StoredModel& model, const SSMData& data) {
+  if (model.p != data.p) {
+    return Status::error("ERROR: Number of objects inconsistent.\n     :  input data: " +
+                         std::to_string(data.p) + "  vs  input SSM: " + std::to_string(model.p));
   }
+  print_table_summary(data);
+  if (Status samples = check_samples(data); !samples.ok()) return samples;
+  if (model.k < 1) {
+    return Status::error("ERROR: State dimension must be 1 or more: " + std::to_string(model.k));
+  }
+  if (Status usable = check_usable(model); !usable.ok()) return usable;
+  return check_memory(model.p, model.k, data);
 }
 
 }  // namespace
 
-Status apply_Kalman(const char* ssm_file, const SSMData* data, int update_mu, const char* prefix,
-                    const char* suffix, int id, int each, int output_option) {
-  std::fprintf(TARN_ERR, "Reading the SSM model parameters from the file: %s\n", ssm_file);
-  std::fflush(TARN_ERR);
-  Result<StoredModel> model = read_model_file(ssm_file);
+Status apply_stored_model(const char* model_file, const SSMData& data, bool update_mu, int id,
+                          const OutputOptions& options) {
+  std::FILE* log = options.log;
+  std::fprintf(log, "Reading the SSM model parameters from the file: %s\n", model_file);
+  std::fflush(log);
+  Result<StoredModel> model = read_model_file(model_file);
   if (!model.ok()) return model.status();
-  const int p = model->p;
   const int k = model->k;
-  const auto& ssm = model->ssm;
-  std::fprintf(TARN_ERR, "  Done. p = %d, dim = %d.\n", p, k);
-  std::fflush(TARN_ERR);
-  if (p != data->p) {
-    std::fprintf(TARN_ERR, "ERROR: Number of objects inconsistent.\n");
-    tarn_fatal("     :  input data: %d  vs  input SSM: %d\n", data->p, p);
-  }
-  print_table_summary(*data);
-  if (Status samples = check_samples(*data); !samples.ok()) return samples;
-  if (k < 1) tarn_fatal("ERROR: State dimension must be 1 or more: %d\n", k);
-  if (Status usable = check_usable(model.value()); !usable.ok()) return usable;
-  require_memory(p, k, data);
+  std::fprintf(log, "  Done. p = %d, dim = %d.\n", model->p, k);
+  std::fflush(log);
+  if (Status fits = check_fit(model.value(), data); !fits.ok()) return fits;
 
-  auto state = std::make_unique<Trajectory>(k, data->T);
-  auto work = std::make_unique<Workspace>(p, k, false);
-  if (update_mu != 0) estimate_initial_state(ssm.get(), k, data, state.get(), work.get());
-  std::fprintf(TARN_ERR, "Calculating state variables and outputting files...\n");
-  std::fflush(TARN_ERR);
-  if (each != 0) {
-    Kalman_apply_output_each(ssm.get(), k, data, state.get(), work.get(), prefix, suffix, id,
-                             output_option);
-  } else {
-    Kalman_apply_output(ssm.get(), k, data, state.get(), work.get(), prefix, suffix, id,
-                        output_option);
-  }
-  return {};
+  StateSpaceModel& ssm = *model->ssm;
+  auto state = std::make_unique<Trajectory>(k, data.T);
+  auto work = std::make_unique<Workspace>(data.p, k, false);
+  if (update_mu) estimate_initial_state(log, data, state.get(), work.get(), &ssm);
+  std::fprintf(log, "Calculating state variables and outputting files...\n");
+  std::fflush(log);
+  const SetFiles files{&options, k, id};
+  StateWriter writer(ssm, data, files, nullptr);
+  Status done = writer.begin();
+  if (done.ok()) done = write_states(ssm, data, &writer, state.get(), work.get());
+  if (done.ok()) done = writer.finish();
+  return done;
 }
 
 }  // namespace tarn

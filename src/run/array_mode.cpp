@@ -46,8 +46,11 @@ void single_set(const Args* args, const SSMData* data) {
   std::fprintf(TARN_ERR, "Finished: dim=%d, likelihood=%f\n", k, result.log_likelihood);
   std::fflush(TARN_ERR);
   if (is_usable_likelihood(result.log_likelihood) && result.monotone) {
-    ssm_output(&result, work, &rec.buffers->trajectory, data, args->prefix, args->suffix,
-               set_id % args->sets + 1, args->each, args->state, args->output_option);
+    const OutputOptions out{args->prefix, args->suffix, args->each != 0, args->state != 0,
+                            TARN_ERR};
+    const Status written = write_result_set(result, set_id % args->sets + 1, *data, out,
+                                            &rec.buffers->trajectory, work);
+    if (!written.ok()) tarn_fatal("%s\n", written.message().c_str());
   } else {
     std::fprintf(TARN_ERR, "Estimation failed for this set.\n");
     std::fflush(TARN_ERR);

@@ -50,8 +50,9 @@ void finish_task(SetTable* table, const Args* args, const SSMData* data, int sid
     std::fflush(TARN_ERR);
     return;
   }
-  ssm_output(&set, work, state_store, data, args->prefix, args->suffix, sid % args->sets + 1,
-             args->each, args->state, args->output_option);
+  const OutputOptions out{args->prefix, args->suffix, args->each != 0, args->state != 0, TARN_ERR};
+  const Status written = write_result_set(set, sid % args->sets + 1, *data, out, state_store, work);
+  if (!written.ok()) tarn_fatal("%s\n", written.message().c_str());
   table->pool.push_back(set.model);
   set.model = nullptr;
 }

@@ -43,8 +43,11 @@ void single_one(const Args* args, const SSMData* data) {
       std::fprintf(TARN_ERR, "%s\nX-SINGLE-TIME:\t%f\n", format_duration(t).c_str(), t);
       std::fflush(TARN_ERR);
       if (is_usable_likelihood(result.log_likelihood) && result.monotone) {
-        ssm_output(&result, work, &rec.buffers->trajectory, data, args->prefix, args->suffix,
-                   s + args->id - 1, args->each, args->state, args->output_option);
+        const OutputOptions out{args->prefix, args->suffix, args->each != 0, args->state != 0,
+                                TARN_ERR};
+        const Status written =
+            write_result_set(result, s + args->id - 1, *data, out, &rec.buffers->trajectory, work);
+        if (!written.ok()) tarn_fatal("%s\n", written.message().c_str());
       } else {
         std::fprintf(TARN_ERR, "Estimation failed for this set.\n");
         std::fflush(TARN_ERR);

@@ -147,25 +147,23 @@ inline std::vector<std::map<std::string, Rows>> read_state_file(const std::strin
   return blocks;
 }
 
-inline void expect_row(const std::vector<std::string>& got, const dense_ref::Mat& want,
-                       const char* what, int t) {
-  ASSERT_EQ(got.size(), want.a.size()) << what << " row " << t;
-  for (std::size_t j = 0; j < got.size(); ++j)
-    EXPECT_NEAR(num(got[j]), want.a[j], 1e-9 * std::max(1.0, std::fabs(want.a[j])))
-        << what << " row " << t << " field " << j;
-}
-
 // The X and H x rows of replicate r against the textbook passes under m.
 inline void expect_states(const std::map<std::string, Rows>& rep, const dense_ref::Model& m,
                           const dense_ref::Data& d, int r) {
   const auto f = dense_ref::filter(m, d, r);
   const auto s = dense_ref::smooth(m, f);
+  auto expect_row = [](const std::vector<std::string>& got, const dense_ref::Mat& want) {
+    ASSERT_EQ(got.size(), want.a.size());
+    for (std::size_t j = 0; j < got.size(); ++j)
+      EXPECT_NEAR(num(got[j]), want.a[j], 1e-9 * std::max(1.0, std::fabs(want.a[j]))) << j;
+  };
   for (int t = 1; t <= d.T; ++t) {
     const dense_ref::Mat* x[] = {&f.Xp[t - 1], &f.Xf[t], &s.Xs[t]};
     const char* labels[][2] = {{"Xp", "Yp"}, {"Xf", "Yf"}, {"Xs", "Ys"}};
     for (int q = 0; q < 3; ++q) {
-      expect_row(rep.at(labels[q][0])[t - 1], *x[q], labels[q][0], t);
-      expect_row(rep.at(labels[q][1])[t - 1], dense_ref::mul(m.H, *x[q]), labels[q][1], t);
+      SCOPED_TRACE(testing::Message() << labels[q][0] << " row " << t);
+      expect_row(rep.at(labels[q][0])[t - 1], *x[q]);
+      expect_row(rep.at(labels[q][1])[t - 1], dense_ref::mul(m.H, *x[q]));
     }
   }
 }
