@@ -1,35 +1,73 @@
-// Runs the bundled examples and compares every file written with the files
+// Whole runs of the real binary against what they printed and wrote before.
+// The cases of tests/golden/cases.tsv each compare their log with a golden
+// log. The bundled examples also compare every file written with the files
 // recorded in tests/golden/files: the same names, the same words, and every
-// number within 1e-9 relative. Guards the numbers through changes made for
-// speed or structure.
+// number within 1e-9 relative.
 
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
-#include <filesystem>
-#include <set>
-#include <sstream>
-#include <string>
-#include <vector>
+#include <regex>
 
-#include "run_binary.h"
+#include "golden/golden_log.h"
 
 namespace fs = std::filesystem;
+using tarn_test::expect_golden_log;
+using tarn_test::record_run;
 
 namespace {
 
 const std::string kData = TARN_EXAMPLES_DIR "/data/";
-const fs::path kGolden = fs::path(TARN_TESTS_DIR) / "golden" / "files";
+const fs::path kGolden = fs::path(TARN_TESTS_DIR) / "golden";
 
-std::set<std::string> names_in(const fs::path& dir) {
-  std::set<std::string> names;
-  for (const auto& entry : fs::directory_iterator(dir)) {
-    const std::string name = entry.path().filename().string();
-    if (name[0] != '.') names.insert(name);
+struct Case {
+  std::string name;
+  std::vector<std::string> args;
+  std::string stdin_file;  // under tests/golden/inputs, or empty
+};
+
+std::vector<Case> read_cases() {
+  std::vector<Case> cases;
+  std::istringstream lines(tarn_test::read_text(kGolden / "cases.tsv"));
+  for (std::string line; std::getline(lines, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    std::istringstream fields(line);
+    Case c;
+    std::string args;
+    std::getline(fields, c.name, '\t');
+    std::getline(fields, args, '\t');
+    std::getline(fields, c.stdin_file, '\t');
+    std::istringstream words(args);
+    for (std::string word; words >> word;) c.args.push_back(word);
+    cases.push_back(c);
   }
-  return names;
+  return cases;
 }
+
+class GoldenLog : public testing::TestWithParam<Case> {};
+
+TEST_P(GoldenLog, SameAsRecorded) {
+  const Case& c = GetParam();
+  tarn_test::ScratchDir dir;
+  const fs::path inputs = kGolden / "inputs";
+  std::vector<std::string> args;
+  for (std::string word : c.args) {
+    if (word.starts_with("@")) {
+      word.erase(0, 1);
+      fs::copy_file(inputs / word, dir / word);
+    }
+    if (word.starts_with("$DATA/")) word.replace(0, 6, kData);
+    std::smatch m;
+    if (std::regex_match(word, m, std::regex(R"(\{(\d+)\*(.)\})")))
+      word = std::string(std::stoul(m[1]), m[2].str()[0]);
+    args.push_back(word);
+  }
+  const std::string in = c.stdin_file.empty() ? "" : tarn_test::read_text(inputs / c.stdin_file);
+  expect_golden_log(c.name, record_run(args, dir.path(), in));
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, GoldenLog, testing::ValuesIn(read_cases()),
+                         [](const auto& test) { return test.param.name; });
 
 bool as_number(const std::string& word, double* value) {
   char* end = nullptr;
@@ -64,13 +102,20 @@ void expect_same_content(const fs::path& got, const fs::path& want) {
   EXPECT_EQ(mismatches, 0) << got.filename();
 }
 
-void expect_matches_golden(const std::string& name, std::vector<std::string> args) {
+// The run's log against logs/file_NAME.log, its files against files/NAME.
+void expect_matches_golden(const std::string& name, const std::vector<std::string>& args) {
   tarn_test::ScratchDir dir;
-  const auto run = tarn_test::run_tarnssm(args, dir.path());
-  ASSERT_EQ(run.status, 0) << run.err;
-  const fs::path want = kGolden / name;
-  ASSERT_EQ(names_in(dir.path()), names_in(want));
-  for (const auto& file : names_in(want)) expect_same_content(dir / file, want / file);
+  expect_golden_log("file_" + name, record_run(args, dir.path()));
+  const fs::path want = kGolden / "files" / name;
+  std::set<std::string> names;
+  for (const auto& e : fs::directory_iterator(want)) {
+    names.insert(e.path().filename());
+    expect_same_content(dir / e.path().filename(), e.path());
+  }
+  for (const auto& e : fs::directory_iterator(dir.path())) {
+    const std::string made = e.path().filename();
+    EXPECT_TRUE(made[0] == '.' || names.contains(made)) << made << " is new";
+  }
 }
 
 TEST(Golden, SingleModeOnSimulatedExpression) {
