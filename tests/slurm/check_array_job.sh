@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Shared by the Slurm and Grid Engine tests, sourced by them as
+# Shared by the Slurm and Grid Engine tests, sourced as
 #   source check_array_job.sh NAME TARNSSM PROGRAM...
 # Skips the test (exit status 77, for CTest) unless it runs as root with every
 # PROGRAM at hand. make_work makes the scratch folder $work, whose daemons
@@ -13,7 +13,6 @@ skip() { echo "$name test: skipped ($*)"; exit 77; }
 [ "$(id -u)" -eq 0 ] || skip "needs root"
 for tool in "${@:3}"; do command -v "$tool" > /dev/null || skip "$tool not found"; done
 
-pid_files=""  # patterns, expanded at exit
 make_work() {
   work=$(mktemp -d "/tmp/tarn-$name.XXXXXX")
   chmod 755 "$work"
@@ -21,16 +20,14 @@ make_work() {
   trap stop_daemons EXIT
 }
 stop_daemons() {
-  local pids=() file pid alive
+  set +e
+  local pids=() file pid
   for file in $pid_files; do [ -s "$file" ] && pids+=("$(cat "$file")"); done
-  for pid in "${pids[@]}"; do kill "$pid" 2> /dev/null || true; done
-  for _ in $(seq 30); do  # sge_qmaster takes a few seconds to shut down
-    alive=0
-    for pid in "${pids[@]}"; do kill -0 "$pid" 2> /dev/null && alive=1; done
-    [ "$alive" -eq 0 ] && break
-    sleep 0.5
-  done
-  for pid in "${pids[@]}"; do kill -9 "$pid" 2> /dev/null || true; done
+  for pid in "${pids[@]}"; do kill "$pid"; done 2> /dev/null
+  # sge_qmaster takes a few seconds to shut down.
+  alive() { for pid in "${pids[@]}"; do kill -0 "$pid" 2> /dev/null && return 0; done; return 1; }
+  for _ in $(seq 30); do alive || break; sleep 0.5; done
+  for pid in "${pids[@]}"; do kill -9 "$pid"; done 2> /dev/null
   rm -rf "$work"
 }
 
@@ -42,33 +39,26 @@ stop_daemons() {
 run_array_job() {
   cp "$top/examples/data/sim-expression.txt" "$work/job/data.txt"
   cd "$work/job"
-  local fail=0 id log k s part
   set +e  # every check runs, and a failed one is reported
+  local fail=0 id log k s part
   check() { "$@" && return; echo "array job check failed: $*" >&2; fail=1; return 1; }
   check "$@" data.txt res > "$work/submit.out" 2>&1
   for id in 1 2 3 4 5; do
     log=$(printf 'res.log.%06d' "$id")
     check test -f "$log" || continue
     check grep -q '^X-ALL-TIME:' <(tail -n 1 "$log")
-    if ((id > 4)); then
-      check grep -q '^WARNING: ID exceeded the total sets.$' "$log"
-      continue
-    fi
-    k=$(printf '%03d' $((id < 3 ? 2 : 3)))
+    if ((id == 5)); then check grep -q '^WARNING: ID exceeded the total sets.$' "$log"; continue; fi
+    k=$((id < 3 ? 2 : 3))
     s=$(printf '%03d' $((id % 2 + 1)))
-    check grep -q "^\[JobID:$id\] SGE Job dispatched. dim=$((10#$k))," "$log"
+    check grep -q "^\[JobID:$id\] SGE Job dispatched. dim=$k," "$log"
     for part in A B K; do
-      check test -s "res.D$k.S$s.$part.dat"
-      check grep -qF " res.D$k.S$s.$part.dat" "$log"
+      check test -s "res.D00$k.S$s.$part.dat"
+      check grep -qF " res.D00$k.S$s.$part.dat" "$log"
     done
-    check grep -qs "^$k	$s	" "res.D$k.S$s.B.dat"
+    check grep -qs "^00$k	$s	" "res.D00$k.S$s.B.dat"
   done
   check test "$(find . -maxdepth 1 -name 'res.D*.dat' | wc -l)" -eq 12
-  if [ "$fail" -ne 0 ]; then
-    ls -la >&2
-    # shellcheck disable=SC2086
-    cat "$work/submit.out" $logs >&2 || true
-    exit 1
-  fi
+  # shellcheck disable=SC2086
+  [ "$fail" -eq 0 ] || { ls -la >&2; cat "$work/submit.out" $logs >&2; exit 1; }
   echo "$name test: 1 passed, 0 failed"
 }
