@@ -15,8 +15,6 @@ namespace tarn_test {
 
 namespace fs = std::filesystem;
 
-inline const fs::path kGoldenLogs = fs::path(TARN_TESTS_DIR) / "golden" / "logs";
-
 // The text with what varies from run to run replaced: folders, the build's
 // version and time, clocks, pids and the memory of the machine. Thread mode
 // logs also lose the thread numbers and counts of finished tasks, their
@@ -44,10 +42,9 @@ inline std::string mask_log(std::string text, const fs::path& dir, bool threads)
   const std::size_t from = text.find('\n', count + 1) + 1;
   const std::size_t to =
       std::min({text.find("\nAll time: ", from), text.find("\n[", from), text.size() - 1}) + 1;
-  std::vector<std::string> lines;
+  std::multiset<std::string> lines;
   std::istringstream middle(text.substr(from, to - from));
-  for (std::string line; std::getline(middle, line);) lines.push_back(line + "\n");
-  std::sort(lines.begin(), lines.end());
+  for (std::string line; std::getline(middle, line);) lines.insert(line + "\n");
   std::string sorted;
   for (const auto& line : lines) sorted += line;
   return text.replace(from, to - from, sorted);
@@ -60,14 +57,11 @@ inline std::string mask_log(std::string text, const fs::path& dir, bool threads)
 inline std::string record_run(const std::vector<std::string>& args, const fs::path& dir,
                               const std::string& stdin_text = "",
                               rlim_t address_space = rlim_t{16} << 30) {
-  std::set<fs::path> before;
-  for (const auto& e : fs::directory_iterator(dir)) before.insert(e.path());
+  const std::set<fs::path> before(fs::directory_iterator(dir), {});
   const RunResult r = run_tarnssm(args, dir, stdin_text, address_space);
   std::string log = r.err + (r.out.empty() ? "" : "[standard output]\n" + r.out);
-  std::set<fs::path> made;
-  for (const auto& e : fs::directory_iterator(dir))
-    if (!before.contains(e.path())) made.insert(e.path());
-  for (const auto& file : made) {
+  for (const fs::path& file : std::set<fs::path>(fs::directory_iterator(dir), {})) {
+    if (before.contains(file)) continue;
     const std::string name = file.filename().string();
     const bool shown = name.find(".log.") != std::string::npos || fs::file_size(file) < 256;
     log += "[file " + name + "]\n" + (shown ? read_text(file) : "");
@@ -80,12 +74,8 @@ inline std::string record_run(const std::vector<std::string>& args, const fs::pa
 
 // The recorded run against tests/golden/logs/name.log.
 inline void expect_golden_log(const std::string& name, const std::string& recorded) {
-  const fs::path path = kGoldenLogs / (name + ".log");
-  if (std::getenv("TARN_UPDATE_GOLDEN") != nullptr) {
-    fs::create_directories(kGoldenLogs);
-    write_text(path, recorded);
-    return;
-  }
+  const fs::path path = fs::path(TARN_TESTS_DIR) / "golden" / "logs" / (name + ".log");
+  if (std::getenv("TARN_UPDATE_GOLDEN") != nullptr) return write_text(path, recorded);
   ASSERT_TRUE(fs::exists(path)) << path << " is missing: record it with TARN_UPDATE_GOLDEN=1";
   EXPECT_EQ(recorded, read_text(path)) << "golden log " << path;
 }

@@ -20,50 +20,48 @@ namespace {
 const std::string kData = TARN_EXAMPLES_DIR "/data/";
 const fs::path kGolden = fs::path(TARN_TESTS_DIR) / "golden";
 
+// A line of cases.tsv: the name, the arguments, the file of standard input.
 struct Case {
-  std::string name;
-  std::vector<std::string> args;
-  std::string stdin_file;  // under tests/golden/inputs, or empty
+  std::string name, args, stdin_file;
 };
 
 std::vector<Case> read_cases() {
   std::vector<Case> cases;
   std::istringstream lines(tarn_test::read_text(kGolden / "cases.tsv"));
   for (std::string line; std::getline(lines, line);) {
-    if (line.empty() || line[0] == '#') continue;
     std::istringstream fields(line);
     Case c;
-    std::string args;
-    std::getline(fields, c.name, '\t');
-    std::getline(fields, args, '\t');
-    std::getline(fields, c.stdin_file, '\t');
-    std::istringstream words(args);
-    for (std::string word; words >> word;) c.args.push_back(word);
-    cases.push_back(c);
+    std::getline(std::getline(std::getline(fields, c.name, '\t'), c.args, '\t'), c.stdin_file);
+    if (!line.empty() && line[0] != '#') cases.push_back(c);
   }
   return cases;
+}
+
+void PrintTo(const Case& c, std::ostream* os) {
+  *os << c.args;
 }
 
 class GoldenLog : public testing::TestWithParam<Case> {};
 
 TEST_P(GoldenLog, SameAsRecorded) {
-  const Case& c = GetParam();
   tarn_test::ScratchDir dir;
   const fs::path inputs = kGolden / "inputs";
   std::vector<std::string> args;
-  for (std::string word : c.args) {
-    if (word.starts_with("@")) {
+  std::istringstream words(GetParam().args);
+  for (std::string word; words >> word; args.push_back(word)) {
+    std::smatch m;
+    if (word.starts_with("@")) {  // an input file, copied to the run's folder
       word.erase(0, 1);
       fs::copy_file(inputs / word, dir / word);
     }
     if (word.starts_with("$DATA/")) word.replace(0, 6, kData);
-    std::smatch m;
     if (std::regex_match(word, m, std::regex(R"(\{(\d+)\*(.)\})")))
       word = std::string(std::stoul(m[1]), m[2].str()[0]);
-    args.push_back(word);
   }
-  const std::string in = c.stdin_file.empty() ? "" : tarn_test::read_text(inputs / c.stdin_file);
-  expect_golden_log(c.name, record_run(args, dir.path(), in));
+  const std::string& in = GetParam().stdin_file;
+  expect_golden_log(
+      GetParam().name,
+      record_run(args, dir.path(), in.empty() ? "" : tarn_test::read_text(inputs / in)));
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, GoldenLog, testing::ValuesIn(read_cases()),
