@@ -1,76 +1,96 @@
-// Runs the bundled examples and compares every file written with the files
+// Whole runs of the real binary against what they printed and wrote before.
+// The cases of tests/golden/cases.tsv each compare their log with a golden
+// log. The bundled examples also compare every file written with the files
 // recorded in tests/golden/files: the same names, the same words, and every
-// number within 1e-9 relative. Guards the numbers through changes made for
-// speed or structure.
+// number within 1e-9 relative.
 
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
-#include <filesystem>
-#include <set>
-#include <sstream>
-#include <string>
-#include <vector>
+#include <regex>
 
-#include "run_binary.h"
+#include "golden/golden_log.h"
 
 namespace fs = std::filesystem;
+using tarn_test::expect_golden_log;
+using tarn_test::record_run;
 
 namespace {
 
 const std::string kData = TARN_EXAMPLES_DIR "/data/";
-const fs::path kGolden = fs::path(TARN_TESTS_DIR) / "golden" / "files";
+const fs::path kGolden = fs::path(TARN_TESTS_DIR) / "golden";
 
-std::set<std::string> names_in(const fs::path& dir) {
-  std::set<std::string> names;
-  for (const auto& entry : fs::directory_iterator(dir)) {
-    const std::string name = entry.path().filename().string();
-    if (name[0] != '.') names.insert(name);
+// A line of cases.tsv: the name, the arguments, the file of standard input.
+struct Case {
+  std::string name, args, stdin_file;
+};
+
+std::vector<Case> read_cases() {
+  std::vector<Case> cases;
+  std::istringstream lines(tarn_test::read_text(kGolden / "cases.tsv"));
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream fields(line);
+    Case c;
+    std::getline(std::getline(std::getline(fields, c.name, '\t'), c.args, '\t'), c.stdin_file);
+    if (!line.empty() && line[0] != '#') cases.push_back(c);
   }
-  return names;
+  return cases;
 }
 
-bool as_number(const std::string& word, double* value) {
-  char* end = nullptr;
-  *value = std::strtod(word.c_str(), &end);
-  return end != word.c_str() && *end == '\0' && word != "NAN";
+void PrintTo(const Case& c, std::ostream* os) {
+  *os << c.args;
 }
+
+class GoldenLog : public testing::TestWithParam<Case> {};
+
+TEST_P(GoldenLog, SameAsRecorded) {
+  tarn_test::ScratchDir dir;
+  const fs::path inputs = kGolden / "inputs";
+  std::vector<std::string> args;
+  std::istringstream words(GetParam().args);
+  for (std::string word; words >> word; args.push_back(word)) {
+    std::smatch m;
+    if (word.starts_with("@")) {  // an input file, copied to the run's folder
+      word.erase(0, 1);
+      fs::copy_file(inputs / word, dir / word);
+    }
+    if (word.starts_with("$DATA/")) word.replace(0, 6, kData);
+    if (std::regex_match(word, m, std::regex(R"(\{(\d+)\*(.)\})")))
+      word = std::string(std::stoul(m[1]), m[2].str()[0]);
+  }
+  const std::string& in = GetParam().stdin_file;
+  expect_golden_log(
+      GetParam().name,
+      record_run(args, dir.path(), in.empty() ? "" : tarn_test::read_text(inputs / in)));
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, GoldenLog, testing::ValuesIn(read_cases()),
+                         [](const auto& test) { return test.param.name; });
 
 // Words equal, numbers within 1e-9 relative (with a floor for values near zero).
 void expect_same_content(const fs::path& got, const fs::path& want) {
-  std::istringstream a(tarn_test::read_text(got));
-  std::istringstream b(tarn_test::read_text(want));
-  std::string x;
-  std::string y;
-  int word = 0;
+  std::istringstream a(tarn_test::read_text(got)), b(tarn_test::read_text(want));
+  std::string x, y;
   int mismatches = 0;
-  while (b >> y) {
-    ++word;
-    if (!(a >> x)) {
-      ADD_FAILURE() << got.filename() << ": ends early at word " << word;
-      return;
-    }
-    double u = 0.0;
-    double v = 0.0;
-    const bool same = as_number(x, &u) && as_number(y, &v)
-                          ? std::fabs(u - v) <= 1e-9 * std::max(std::fabs(u), std::fabs(v)) + 1e-13
-                          : x == y;
-    if (!same && ++mismatches <= 3) {
-      ADD_FAILURE() << got.filename() << " word " << word << ": " << x << " vs " << y;
-    }
+  for (int word = 1; b >> y; ++word) {
+    ASSERT_TRUE(a >> x) << got << ": ends early at word " << word;
+    char *end_x = nullptr, *end_y = nullptr;
+    const double u = std::strtod(x.c_str(), &end_x), v = std::strtod(y.c_str(), &end_y);
+    const bool numbers = *end_x == '\0' && *end_y == '\0' && end_x != x.c_str() && y != "NAN";
+    const bool same =
+        numbers ? std::fabs(u - v) <= 1e-9 * std::max(std::fabs(u), std::fabs(v)) + 1e-13 : x == y;
+    if (!same && ++mismatches <= 3)
+      ADD_FAILURE() << got << " word " << word << ": " << x << " vs " << y;
   }
-  EXPECT_FALSE(a >> x) << got.filename() << ": longer than recorded";
-  EXPECT_EQ(mismatches, 0) << got.filename();
+  EXPECT_FALSE(a >> x) << got << ": longer than recorded";
 }
 
-void expect_matches_golden(const std::string& name, std::vector<std::string> args) {
+// The run's log against logs/file_NAME.log, its files against files/NAME.
+void expect_matches_golden(const std::string& name, const std::vector<std::string>& args) {
   tarn_test::ScratchDir dir;
-  const auto run = tarn_test::run_tarnssm(args, dir.path());
-  ASSERT_EQ(run.status, 0) << run.err;
-  const fs::path want = kGolden / name;
-  ASSERT_EQ(names_in(dir.path()), names_in(want));
-  for (const auto& file : names_in(want)) expect_same_content(dir / file, want / file);
+  expect_golden_log("file_" + name, record_run(args, dir.path()));
+  for (const auto& e : fs::directory_iterator(kGolden / "files" / name))
+    expect_same_content(dir / e.path().filename(), e.path());
 }
 
 TEST(Golden, SingleModeOnSimulatedExpression) {
