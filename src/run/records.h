@@ -4,7 +4,6 @@
 
 #include <memory>
 
-#include "cli/args.h"
 #include "core/data_set.h"
 #include "core/em.h"
 
@@ -17,8 +16,5 @@ struct EstimationRecords {
   std::unique_ptr<StateSpaceModel> ssm_b;
   std::unique_ptr<EmBuffers> buffers;
 };
-
-// The largest entry of dims, searched from -2147483647.
-int max_dimension(const Args* args);
 
 }  // namespace tarn
