@@ -48,8 +48,8 @@ Result<Estimate> estimate_start(const StartContext& context, int k, StateSpaceMo
 
 Result<Estimate> estimate_set(const StartContext& context, int k, int starts,
                               EstimationRecords* rec) {
-  StateSpaceModel* working = rec->ssm_a.get();
-  StateSpaceModel* keeper = rec->ssm_b.get();
+  StateSpaceModel* working = rec->working.get();
+  StateSpaceModel* keeper = rec->spare.get();
   Estimate best{-DBL_MAX, -DBL_MAX, false, false, -1, nullptr};
   for (int n = 0; n < starts;) {
     const Result<Estimate> res = estimate_start(context, k, working, rec->buffers.get());

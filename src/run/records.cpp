@@ -3,8 +3,8 @@
 namespace tarn {
 
 EstimationRecords::EstimationRecords(const SSMData* data, int k, int constrain_F)
-    : ssm_a(std::make_unique<StateSpaceModel>(data->p, k)),
-      ssm_b(std::make_unique<StateSpaceModel>(data->p, k)),
+    : working(std::make_unique<StateSpaceModel>(data->p, k)),
+      spare(std::make_unique<StateSpaceModel>(data->p, k)),
       buffers(std::make_unique<EmBuffers>(data->p, k, data->T, constrain_F != 0)) {}
 
 }  // namespace tarn

@@ -11,9 +11,10 @@ namespace tarn {
 
 struct EstimationRecords {
   EstimationRecords(const SSMData* data, int k, int constrain_F);
-  std::unique_ptr<StateSpaceModel>
-      ssm_a;  // working model (and best model, in turn, in the restarts)
-  std::unique_ptr<StateSpaceModel> ssm_b;
+  // The model a start works on, and the best so far; the restarts of a set
+  // swap their roles.
+  std::unique_ptr<StateSpaceModel> working;
+  std::unique_ptr<StateSpaceModel> spare;
   std::unique_ptr<EmBuffers> buffers;
 };
 

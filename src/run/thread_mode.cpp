@@ -26,7 +26,7 @@ void work_through_tasks(const RunContext& context, const StartContext& starts, S
   const Job& job = context.job;
   const std::size_t n_tasks = job.sets.size() * static_cast<std::size_t>(job.starts);
   const int me = omp_get_thread_num();
-  // Private records for the largest dim; ssm_a is the working model.
+  // Private records for the largest dim.
   EstimationRecords rec(&context.data, max_dimension(job.dims), starts.em.constrain_F);
   int prepared_k = -1;
   for (;;) {
@@ -41,7 +41,7 @@ void work_through_tasks(const RunContext& context, const StartContext& starts, S
       prepared_k = set.k;
     }
     const Result<Estimate> result =
-        estimate_start(starts, set.k, rec.ssm_a.get(), rec.buffers.get());
+        estimate_start(starts, set.k, rec.working.get(), rec.buffers.get());
     bool stop = false;
 #pragma omp critical
     {
