@@ -1,87 +1,85 @@
 #pragma once
-// The run configuration and the table-driven command-line parser.
+// The command line: one table of options gives the parser, the help text and
+// the checks of the values.
 
 #include <cstdio>
-#include <memory>
+#include <optional>
+#include <span>
 #include <string>
+#include <variant>
 #include <vector>
 
-#include "core/options.h"
+#include "io/status.h"
+#include "run/preflight.h"
+#include "run/settings.h"
 
 namespace tarn {
 
-struct Args {
-  int id = 1;
-  int seed = 38;
-  std::vector<int> dims{4};
-  int n_dims = 1;
-  int sets = 1;
-  int iterations = 100;
-  const char* prefix = "result";
-  const char* suffix = "dat";
-  int each = 0;
-  const char* input_file = nullptr;
-  int log_mode = 0;
-  int sge = 0;
-  std::unique_ptr<EmSettings> em;
-  std::unique_ptr<InitialModelSettings> init;
-  int gsl = 0;    // accepted and stored, read by nothing
-  int debug = 0;  // accepted and stored, read by nothing
-  int rank = 0;
-  int nprocs = 1;
-  const char* ssm_file = nullptr;
-  int state = 1;
-  int shift = 1;
-  int proc_file = 0;
-  int threads = 1;
-  const void* log_by_id = nullptr;
-  int output_option = 0;
-  int strict = 0;     // --strict: doubtful readings of the table are errors
-  int show_help = 0;  // -h was given: the run prints the help and ends
-
-  std::string prefix_storage;  // owns prefix once -P has rewritten it
+// What the command line leaves.
+struct CommandLine {
+  RunSettings settings;
+  int proc_file = 0;  // -P: the prefix takes the number of processes
+  // Values an estimation reads that are not finite numbers: reported after
+  // the banner, and only when the run estimates a set.
+  Findings value_findings;
 };
 
-std::unique_ptr<Args> Args_new();
-
-// One row of an option table; a row with a null key ends the table.
-struct ArgOption {
-  const char* key;
-  int type;    // 0 int, 1 double, 2 string, 3 string list, 4 flag, 5 on/off, 6 int ranges, 7 help
-  void* dest;  // int*, double*, const char**, std::vector<char*>*, std::vector<int>*
-  int* aux;    // count of a string list or of int ranges
+enum class OptionKind {
+  positional,  // the word without a key: the input file
+  integer,
+  number,
+  text,
+  on_off,      // on/off, 1/0, true/false, t/f, yes/no
+  flag,        // takes no value
+  dimensions,  // ranges "2", "2-6", "2-10:2", "2,4,8-10", added up over the words
+  help,        // -h: the scan stops and the help is printed
+  help_line,   // no option: a line of the help text only
 };
 
-// Result codes of ParseArgs_parse.
-enum {
-  PARSE_OK = 0,
-  PARSE_NO_KEY = -1,
-  PARSE_NEEDS_VALUE = -2,
-  PARSE_FLAG_WITH_VALUE = -3,
-  PARSE_BAD_SWITCH = -4,
-  PARSE_HELP = 1,  // the help was asked for: the scan stops here
+enum class OptionCheck { none, finite, finite_if_F_constrained };
+
+// Where an option's value goes; none for an option accepted and read by
+// nothing.
+using OptionTarget = std::variant<std::monostate, int*, double*, std::string*,
+                                  std::optional<std::string>*, std::vector<int>*>;
+
+struct OptionRow {
+  std::vector<const char*> keys;  // the aliases; a message names them joined by '/'
+  OptionKind kind;
+  OptionTarget target;
+  const char* help;  // its lines of the help text, "" for a hidden option
+  OptionCheck check = OptionCheck::none;
+  int check_order = 0;         // the finite checks are reported in this order
+  bool unit_interval = false;  // must lie in [0, 1]
 };
 
-// What ParseArgs_set returns when the help was asked for.
-constexpr int ARGS_HELP = -1;
+// The options of the program, in the order of the help text, writing into
+// line.
+std::vector<OptionRow> option_table(CommandLine* line);
 
-extern const char* const ARGS_WITHOUT_KEY;
+enum class ParseCode { ok, no_key, needs_value, flag_with_value, bad_switch, help };
 
-int ParseArgs_parse(ArgOption* table, const char* key, char* value);
-// 0 when all words were taken, ARGS_HELP when the help was asked for, or the
-// positive index of the word to complain about.
-int ParseArgs_set(ArgOption* table, int argc, char** argv);
-void ParseArgs_error(int code, const char* key);
+// Sets the option of key (null: the positional word) from value (null when
+// none was given).
+ParseCode parse_option(std::span<const OptionRow> table, const char* key, char* value);
 
-// What parse_args leaves the run to do.
-constexpr int ARGS_RUN = -1;
+// What scan_words returns when the help was asked for.
+constexpr int kHelpAsked = -1;
 
-// Fills args from the command line, checks it, opens the log and points
-// TARN_ERR at it. Returns ARGS_RUN, or the exit status of a run that ends
-// here: 0 after the help (-h, or a rejected command line with its error).
-int parse_args(int argc, char** argv, Args* args);
+// Parses the words of argv: 0 when every word was taken, kHelpAsked, or the
+// index of the word to complain about (after printing why, for a value that
+// is missing or not understood).
+int scan_words(std::span<const OptionRow> table, int argc, char** argv);
 
-void print_help(std::FILE* out);
+void print_help(std::span<const OptionRow> table, std::FILE* out);
+
+// Fills line from the command line and checks it. false when the run ends
+// here with status 0: the help was asked for, or a word was not understood
+// (both print the help on standard error).
+Result<bool> parse_command_line(int argc, char** argv, CommandLine* line);
+
+// The log the run writes, chosen by -L, --sge and -o.
+Result<std::FILE*> open_log(const RunSettings& settings);
 
 // The rights line shared by the banner and the help text.
 extern const char* const TARN_RIGHTS_LINE;

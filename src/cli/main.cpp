@@ -18,6 +18,7 @@
 #include "linalg/blas.h"
 #include "linalg/random_stream.h"
 #include "run/apply_model.h"
+#include "run/job.h"
 #include "run/modes.h"
 #include "run/preflight.h"
 #include "run/timer.h"
@@ -33,87 +34,107 @@ void set_flush_to_zero() {
   _mm_setcsr(_mm_getcsr() | kFlushToZero | kDenormalsAreZero);
 }
 
-void print_banner(const Args* args) {
-  std::fprintf(TARN_ERR, "Tarn-SSM  version %s (%s)\n", TARN_VERSION, TARN_BUILD_TIME);
-  std::fprintf(TARN_ERR, "%s\n\n", TARN_RIGHTS_LINE);
-  std::fprintf(TARN_ERR, "This program comes with ABSOLUTELY NO WARRANTY.\n\n");
-  if (args->nprocs == 1) {
-    std::fprintf(TARN_ERR, "Single process mode.\n");
-  } else if (args->rank == 0) {
-    std::fprintf(TARN_ERR, "MPI mode: This is the root process.\n");
-  } else {
-    std::fprintf(TARN_ERR, "MPI mode: This is an execution process (rank=%d)\n", args->rank);
-  }
-  std::fflush(TARN_ERR);
+void print_banner(std::FILE* log) {
+  std::fprintf(log, "Tarn-SSM  version %s (%s)\n", TARN_VERSION, TARN_BUILD_TIME);
+  std::fprintf(log, "%s\n\n", TARN_RIGHTS_LINE);
+  std::fprintf(log, "This program comes with ABSOLUTELY NO WARRANTY.\n\n");
+  std::fprintf(log, "Single process mode.\n");
+  std::fflush(log);
 }
 
-Status run_mode(const Args* args, const SSMData* data) {
-  if (args->ssm_file != nullptr) {
-    return apply_stored_model(args->ssm_file, *data, args->em->update_mu != 0, args->id,
-                              {args->prefix, args->suffix, args->each != 0, false, TARN_ERR});
+Status run_mode(const RunContext& context) {
+  const RunSettings& settings = context.settings;
+  if (settings.model_file) {
+    return apply_stored_model(
+        settings.model_file->c_str(), context.data, settings.em.update_mu != 0, settings.id,
+        {settings.prefix.c_str(), settings.suffix.c_str(), settings.each != 0, false, context.log});
   }
-  if (args->sge != 0) {
-    single_set(args, data);
-  } else if (args->threads == 1) {
-    single_one(args, data);
-  } else {
-    thread(args, data);
-  }
-  return {};
+  if (settings.sge != 0) return run_array_task(context);
+  if (settings.threads == 1) return run_single_mode(context);
+  return run_thread_mode(context);
 }
 
-// Prints what a check found; false when the run is to end on it.
-bool passes(const Findings& found) {
-  for (const std::string& line : found.lines) std::fputs(line.c_str(), TARN_ERR);
-  std::fflush(TARN_ERR);
-  return !found.failed;
+// Prints the warnings a check found; its error, the last line, is returned
+// for main to print.
+Status report(const Findings& found, std::FILE* log) {
+  const std::size_t warnings = found.lines.size() - (found.failed ? 1 : 0);
+  for (std::size_t i = 0; i < warnings; ++i) std::fputs(found.lines[i].c_str(), log);
+  std::fflush(log);
+  if (!found.failed) return {};
+  const std::string& error = found.lines.back();
+  return Status::error(error.substr(0, error.size() - 1));
+}
+
+// The input table, mean-shifted as asked; the checks of the table as read
+// only where a set is estimated.
+Result<std::unique_ptr<SSMData>> read_input(const RunSettings& settings, bool estimates,
+                                            std::FILE* log) {
+  const char* file = settings.input_file ? settings.input_file->c_str() : nullptr;
+  Result<std::unique_ptr<SSMData>> table =
+      read_table_file(file, {memory_limit_bytes(), bytes_per_time_point(settings)});
+  if (!table.ok()) return table;
+  if (estimates) {
+    if (Status table_ok = report(check_table(settings, *table.value()), log); !table_ok.ok()) {
+      return table_ok;
+    }
+  }
+  if (settings.shift > 0) {
+    std::fprintf(log, "Applying mean shift for the input data set.\n");
+    SSMData_node_mean_shift(table.value().get(), settings.shift == 1 ? 1 : 0);
+  }
+  return table;
+}
+
+// Everything after the log is open; returns the error that ends the run.
+Status run_with_log(RunSettings* settings, const Findings& value_findings, std::FILE* log) {
+  print_banner(log);
+  // seed + id, taken as an unsigned 32-bit value.
+  const std::int64_t seed_sum = static_cast<std::int64_t>(settings->seed) + settings->id;
+  settings->init.stream = std::make_unique<RandomStream>(static_cast<std::uint32_t>(seed_sum));
+
+  const Job job = plan_job(*settings);
+  const std::vector<SetId> sets = written_sets(settings->model_file ? Job{} : job);
+  const bool estimates = !sets.empty();
+  if (estimates) {
+    if (Status values = report(value_findings, log); !values.ok()) return values;
+  }
+  Result<std::unique_ptr<SSMData>> read = read_input(*settings, estimates, log);
+  if (!read.ok()) return read.status();
+  const SSMData& data = *read.value();
+  if (Status memory = report(check_memory(*settings, data), log); !memory.ok()) return memory;
+  // Held until the process ends: no other run writes these sets meanwhile.
+  SetLocks locks;
+  if (estimates) {
+    if (Status objects = report(check_objects(*settings, data), log); !objects.ok()) return objects;
+    Status claimed = report(claim_result_sets(*settings, sets, &locks), log);
+    if (!claimed.ok()) return claimed;
+  }
+  return run_mode({*settings, job, data, log});
 }
 
 int run(int argc, char** argv) {
   const Stopwatch clock;
-  TARN_ERR = stderr;
-
-  const std::unique_ptr<Args> args = Args_new();
-  if (const int status = parse_args(argc, argv, args.get()); status != ARGS_RUN) return status;
-  print_banner(args.get());
-  // seed + id + rank, taken as an unsigned 32-bit value.
-  const std::int64_t seed_sum = static_cast<std::int64_t>(args->seed) + args->id + args->rank;
-  args->init->stream = std::make_unique<RandomStream>(static_cast<std::uint32_t>(seed_sum));
-
-  // The checks of an estimation run only where a set is to be estimated.
-  const std::vector<SetId> sets = planned_sets(*args);
-  const bool estimates = !sets.empty();
-  if (estimates && !passes(check_options(*args))) return 1;
-
-  std::unique_ptr<SSMData> data;
-  if (args->rank == 0) {
-    Result<std::unique_ptr<SSMData>> table =
-        read_table_file(args->input_file, {memory_limit_bytes(), bytes_per_time_point(*args)});
-    if (!table.ok()) {
-      print_error(table.status().message());
-      return 1;
-    }
-    data = std::move(table.value());
-    if (estimates && !passes(check_table(*args, *data))) return 1;
-    if (args->shift > 0) {
-      std::fprintf(TARN_ERR, "Applying mean shift for the input data set.\n");
-      SSMData_node_mean_shift(data.get(), args->shift == 1 ? 1 : 0);
-    }
-  }
-  if (args->nprocs != 1) tarn_fatal("ERROR: MPI support not enabled.\n");
-  if (!passes(check_memory(*args, *data))) return 1;
-  if (estimates && !passes(check_objects(*args, *data))) return 1;
-  // Held until the process ends: no other run writes these sets meanwhile.
-  SetLocks locks;
-  if (estimates && !passes(claim_result_sets(*args, sets, &locks))) return 1;
-
-  if (const Status ran = run_mode(args.get(), data.get()); !ran.ok()) {
-    print_error(ran.message());
+  CommandLine line;
+  const Result<bool> parsed = parse_command_line(argc, argv, &line);
+  if (!parsed.ok()) {
+    print_error(stderr, parsed.status().message());
     return 1;
   }
-
+  if (!parsed.value()) return 0;
+  const Result<std::FILE*> log = open_log(line.settings);
+  if (!log.ok()) {
+    print_error(stderr, log.status().message());
+    return 1;
+  }
+  // The readers and writers that print to the log by name.
+  TARN_ERR = log.value();
+  if (const Status ran = run_with_log(&line.settings, line.value_findings, log.value());
+      !ran.ok()) {
+    print_error(log.value(), ran.message());
+    return 1;
+  }
   const double t = clock.seconds();
-  std::fprintf(TARN_ERR, "All time: %s\nX-ALL-TIME:\t%f\n", format_duration(t).c_str(), t);
+  std::fprintf(log.value(), "All time: %s\nX-ALL-TIME:\t%f\n", format_duration(t).c_str(), t);
   return 0;
 }
 
@@ -130,6 +151,7 @@ int main(int argc, char** argv) {
   try {
     return tarn::run(argc, argv);
   } catch (const std::bad_alloc&) {
-    tarn::tarn_fatal("ERROR: Out of memory.\n");
+    tarn::print_error(tarn::TARN_ERR, "ERROR: Out of memory.");
+    return 1;
   }
 }

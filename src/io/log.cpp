@@ -7,8 +7,8 @@ namespace tarn {
 
 std::FILE* TARN_ERR = stderr;
 
-void print_error(const std::string& message) {
-  std::FILE* out = TARN_ERR != nullptr ? TARN_ERR : stderr;
+void print_error(std::FILE* log, const std::string& message) {
+  std::FILE* out = log != nullptr ? log : stderr;
   const auto print_on = [&message](std::FILE* fp) {
     return std::fputs(message.c_str(), fp) >= 0 && std::fputc('\n', fp) != EOF &&
            std::fflush(fp) == 0;

@@ -3,66 +3,62 @@
 #include <cfloat>
 #include <utility>
 
-#include "core/em.h"
 #include "core/initial_model.h"
-#include "io/log.h"
 #include "io/model_file.h"
-#include "run/start_guard.h"
 
 namespace tarn {
 
 namespace {
 
-Estimate empty_result() {
-  return Estimate{-DBL_MAX, -DBL_MAX, false, false, -1, nullptr};
-}
-
-void warn_retry_limit() {
-  std::fprintf(TARN_ERR, "WARNING: Retry count exceeded the limitation.\n");
-  std::fflush(TARN_ERR);
-}
-
-// One estimation: attempts from fresh random models until one can be trusted
-// or the retry limit lets the last one through.
-Estimate estimate_with_retries(const EmSettings* em, const InitialModelSettings* init,
-                               const SSMData* data, int k, StateSpaceModel* working,
-                               EmBuffers* buffers, StartGuard* guard) {
-  int count = 0;
-  for (;;) {
-    draw_initial_model(*init, *data, k, working);
-    if (em->verbose > 0) write_model(working, data->p, k, TARN_ERR);
-    const Estimate res = run_em(*em, *data, working, buffers, TARN_ERR);
-    if (em->retry >= 0 && count >= em->retry) {
-      warn_retry_limit();
-      return res;
-    }
-    if (is_usable_likelihood(res.log_likelihood) && res.monotone) {
-      guard->note_success();
-      if (em->retry != -1 && count >= em->retry) warn_retry_limit();
-      return res;
-    }
-    ++count;
-    if (guard->gives_up(count)) tarn_fatal("%s", StartGuard::message(k).c_str());
-    std::fprintf(TARN_ERR, "Estimation failed.  Retrying (%d)...\n", count);
-    std::fflush(TARN_ERR);
-  }
+void warn_retry_limit(std::FILE* log) {
+  std::fprintf(log, "WARNING: Retry count exceeded the limitation.\n");
+  std::fflush(log);
 }
 
 }  // namespace
 
-Estimate SSM_EM_iterate(const EmSettings* em, const InitialModelSettings* init, int iterations,
-                        const SSMData* data, int k, EstimationRecords* rec, StartGuard* guard) {
-  StateSpaceModel* working = rec->ssm_a.get();
-  StateSpaceModel* keeper = rec->ssm_b.get();
-  Estimate best = empty_result();
-  for (int n = 0; n < iterations;) {
-    const Estimate res =
-        estimate_with_retries(em, init, data, k, working, rec->buffers.get(), guard);
+Result<Estimate> estimate_start(const StartContext& context, int k, StateSpaceModel* working,
+                                EmBuffers* buffers) {
+  const EmSettings& em = context.em;
+  int count = 0;
+  for (;;) {
+    // The run's one random stream, shared by the threads.
+#pragma omp critical
+    draw_initial_model(context.init, context.data, k, working);
+    if (context.show_initial_model && em.verbose > 0) {
+      write_model(working, context.data.p, k, context.log);
+    }
+    const Estimate res = run_em(em, context.data, working, buffers, context.log);
+    if (em.retry >= 0 && count >= em.retry) {
+      warn_retry_limit(context.log);
+      return res;
+    }
+    if (is_usable_likelihood(res.log_likelihood) && res.monotone) {
+      context.guard->note_success();
+      if (em.retry != -1 && count >= em.retry) warn_retry_limit(context.log);
+      return res;
+    }
+    ++count;
+    if (context.guard->gives_up(count)) return Status::error(StartGuard::message(k));
+    if (context.guard->stopped()) return res;
+    std::fprintf(context.log, "Estimation failed.  Retrying (%d)...\n", count);
+    std::fflush(context.log);
+  }
+}
+
+Result<Estimate> estimate_set(const StartContext& context, int k, int starts,
+                              EstimationRecords* rec) {
+  StateSpaceModel* working = rec->working.get();
+  StateSpaceModel* keeper = rec->spare.get();
+  Estimate best{-DBL_MAX, -DBL_MAX, false, false, -1, nullptr};
+  for (int n = 0; n < starts;) {
+    const Result<Estimate> res = estimate_start(context, k, working, rec->buffers.get());
+    if (!res.ok()) return res;
     ++n;
-    std::fprintf(TARN_ERR, "%d: Loops=%d, Likelihood=%f\n", n, res.loops, res.log_likelihood);
-    std::fflush(TARN_ERR);
-    if (res.log_likelihood > best.log_likelihood) {
-      best = res;
+    std::fprintf(context.log, "%d: Loops=%d, Likelihood=%f\n", n, res->loops, res->log_likelihood);
+    std::fflush(context.log);
+    if (res->log_likelihood > best.log_likelihood) {
+      best = res.value();
       std::swap(working, keeper);
     }
   }

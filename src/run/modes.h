@@ -1,21 +1,31 @@
 #pragma once
-// The execution modes: how a whole job of dims, sets and tasks is worked through.
+// The execution modes: how the job of a run is worked through. Each returns
+// the error that ends the run; main prints it.
 
-#include "cli/args.h"
+#include <cstdio>
+
 #include "core/data_set.h"
+#include "io/status.h"
+#include "run/job.h"
+#include "run/settings.h"
 
 namespace tarn {
 
-// One thread: every dim, every set, one after the other.
-void single_one(const Args* args, const SSMData* data);
+// What a mode works with; log is the stream of the run's log.
+struct RunContext {
+  const RunSettings& settings;
+  const Job& job;
+  const SSMData& data;
+  std::FILE* log;
+};
 
-// One set of the job, picked by the id (for a scheduler's array job).
-void single_set(const Args* args, const SSMData* data);
+// One thread: every set of the job, one after the other.
+Status run_single_mode(const RunContext& context);
 
-// A team of threads drawing tasks from one ticket counter.
-void thread(const Args* args, const SSMData* data);
+// The one set of the job an array task's id picks.
+Status run_array_task(const RunContext& context);
 
-// Ends the process when a state dimension of the job is below 1.
-void require_dimensions(const Args* args);
+// A team of threads, each taking the next start of the job.
+Status run_thread_mode(const RunContext& context);
 
 }  // namespace tarn

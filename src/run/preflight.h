@@ -7,16 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "cli/args.h"
 #include "core/data_set.h"
 #include "io/set_lock.h"
+#include "run/job.h"
+#include "run/settings.h"
 
 namespace tarn {
-
-// The sets the run estimates (dimension and number in the file names), in
-// the order it starts them; empty when it estimates none (the apply mode,
-// -n 0, -s 0, a scheduler id past the job).
-std::vector<SetId> planned_sets(const Args& args);
 
 // What the checks found: whole lines, "WARNING: ..." or "ERROR: ...", in
 // order. A run ends after them when one is an error.
@@ -34,27 +30,25 @@ struct Findings {
 // The bytes each time point of the input adds to the records the mode
 // allocates (its filters' tables), for a check of the time grid while the
 // table is read; 0 for the apply mode, whose dimension comes later.
-double bytes_per_time_point(const Args& args);
-
-// Option values an estimation reads that are not finite numbers.
-Findings check_options(const Args& args);
+double bytes_per_time_point(const RunSettings& settings);
 
 // The table as read, before the mean shift: what the reader read in doubt
 // (errors under --strict), and cells no start can work with (errors under
 // unlimited retries).
-Findings check_table(const Args& args, const SSMData& data);
+Findings check_table(const RunSettings& settings, const SSMData& data);
 
 // The centred table: objects without a positive, finite initial R, on which
 // every start fails (errors under unlimited retries).
-Findings check_objects(const Args& args, const SSMData& data);
+Findings check_objects(const RunSettings& settings, const SSMData& data);
 
 // The output folder takes files, and no other run writes one of the sets:
 // locks on them are added to held.
-Findings claim_result_sets(const Args& args, std::span<const SetId> sets, SetLocks* held);
+Findings claim_result_sets(const RunSettings& settings, std::span<const SetId> sets,
+                           SetLocks* held);
 
 // The memory the mode will allocate for its records, against the memory the
 // run may use. Applies to every estimation mode that allocates them, also
 // when it then estimates no set.
-Findings check_memory(const Args& args, const SSMData& data);
+Findings check_memory(const RunSettings& settings, const SSMData& data);
 
 }  // namespace tarn

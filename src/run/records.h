@@ -4,7 +4,6 @@
 
 #include <memory>
 
-#include "cli/args.h"
 #include "core/data_set.h"
 #include "core/em.h"
 
@@ -12,13 +11,11 @@ namespace tarn {
 
 struct EstimationRecords {
   EstimationRecords(const SSMData* data, int k, int constrain_F);
-  std::unique_ptr<StateSpaceModel>
-      ssm_a;  // working model (and best model, in turn, in the restarts)
-  std::unique_ptr<StateSpaceModel> ssm_b;
+  // The model a start works on, and the best so far; the restarts of a set
+  // swap their roles.
+  std::unique_ptr<StateSpaceModel> working;
+  std::unique_ptr<StateSpaceModel> spare;
   std::unique_ptr<EmBuffers> buffers;
 };
-
-// The largest entry of dims, searched from -2147483647.
-int max_dimension(const Args* args);
 
 }  // namespace tarn

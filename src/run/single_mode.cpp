@@ -1,60 +1,67 @@
-#include "core/em.h"
-#include "io/log.h"
-#include "io/model_files.h"
 #include "io/read_table.h"
 #include "run/em_starts.h"
 #include "run/modes.h"
 #include "run/records.h"
+#include "run/set_end.h"
 #include "run/timer.h"
 
 namespace tarn {
 
-void single_one(const Args* args, const SSMData* data) {
-  const EmSettings* em = args->em.get();
-  std::fprintf(TARN_ERR, "*******************************\n");
-  std::fprintf(TARN_ERR, "**   Single Execution Mode   **\n");
-  std::fprintf(TARN_ERR, "*******************************\n");
-  print_table_summary(*data);
-  if (const Status samples = check_samples(*data); !samples.ok())
-    tarn_fatal("%s\n", samples.message().c_str());
-  const int max_k = max_dimension(args);
-  std::fprintf(TARN_ERR, "Max dimemsion = %d\n", max_k);
-  require_dimensions(args);
+namespace {
 
-  EstimationRecords rec(data, max_k, em->constrain_F);
-  Workspace* work = &rec.buffers->workspace;
-  Stopwatch clock;
-  StartGuard guard(em->retry);
-
-  for (int d = 0; d < args->n_dims; ++d) {
-    const int k = args->dims[d];
-    std::fprintf(TARN_ERR, "========================================\n");
-    std::fprintf(TARN_ERR, "= Start the loop for dim=%d\n", k);
-    std::fflush(TARN_ERR);
-    if (em->constrain_F != 0) prepare_F_constraint(work, k);
-    for (int s = 1; s <= args->sets; ++s) {
-      std::fprintf(TARN_ERR, "Set %d...\n", s);
-      std::fflush(TARN_ERR);
-      clock.restart();
-      Estimate result =
-          SSM_EM_iterate(em, args->init.get(), args->iterations, data, k, &rec, &guard);
-      const double t = clock.seconds();
-      std::fprintf(TARN_ERR, "Finished: dim=%d, likelihood=%f\n", k, result.log_likelihood);
-      std::fprintf(TARN_ERR, "%s\nX-SINGLE-TIME:\t%f\n", format_duration(t).c_str(), t);
-      std::fflush(TARN_ERR);
-      if (is_usable_likelihood(result.log_likelihood) && result.monotone) {
-        const OutputOptions out{args->prefix, args->suffix, args->each != 0, args->state != 0,
-                                TARN_ERR};
-        const Status written =
-            write_result_set(result, s + args->id - 1, *data, out, &rec.buffers->trajectory, work);
-        if (!written.ok()) tarn_fatal("%s\n", written.message().c_str());
-      } else {
-        std::fprintf(TARN_ERR, "Estimation failed for this set.\n");
-        std::fflush(TARN_ERR);
-      }
-    }
+Status run_dimension(const RunContext& context, int dim_index, const StartContext& starts,
+                     EstimationRecords* rec) {
+  const Job& job = context.job;
+  const int k = job.dims[static_cast<std::size_t>(dim_index)];
+  std::FILE* log = context.log;
+  std::fprintf(log, "========================================\n");
+  std::fprintf(log, "= Start the loop for dim=%d\n", k);
+  std::fflush(log);
+  if (starts.em.constrain_F != 0) prepare_F_constraint(&rec->buffers->workspace, k);
+  int s = 0;
+  for (const PlannedSet& set : job.sets) {
+    if (set.dim_index != dim_index) continue;
+    std::fprintf(log, "Set %d...\n", ++s);
+    std::fflush(log);
+    const Stopwatch clock;
+    const Result<Estimate> result = estimate_set(starts, k, job.starts, rec);
+    if (!result.ok()) return result.status();
+    const double t = clock.seconds();
+    std::fprintf(log, "Finished: dim=%d, likelihood=%f\n", k, result->log_likelihood);
+    std::fprintf(log, "%s\nX-SINGLE-TIME:\t%f\n", format_duration(t).c_str(), t);
+    std::fflush(log);
+    const bool usable = is_usable_likelihood(result->log_likelihood) && result->monotone;
+    if (Status written = finish_set(context, usable ? &result.value() : nullptr, set.number,
+                                    rec->buffers.get(), log);
+        !written.ok())
+      return written;
   }
-  std::fprintf(TARN_ERR, "Going to exit.\n");
+  return {};
+}
+
+}  // namespace
+
+Status run_single_mode(const RunContext& context) {
+  const RunSettings& settings = context.settings;
+  std::FILE* log = context.log;
+  std::fprintf(log, "*******************************\n");
+  std::fprintf(log, "**   Single Execution Mode   **\n");
+  std::fprintf(log, "*******************************\n");
+  print_table_summary(context.data);
+  if (Status samples = check_samples(context.data); !samples.ok()) return samples;
+  const int max_k = max_dimension(context.job.dims);
+  std::fprintf(log, "Max dimemsion = %d\n", max_k);
+  if (Status dims = require_dimensions(context.job.dims); !dims.ok()) return dims;
+
+  EstimationRecords rec(&context.data, max_k, settings.em.constrain_F);
+  StartGuard guard(settings.em.retry);
+  const StartContext starts{settings.em, settings.init, context.data, log, &guard, true};
+  const int n_dims = static_cast<int>(context.job.dims.size());
+  for (int d = 0; d < n_dims; ++d) {
+    if (Status done = run_dimension(context, d, starts, &rec); !done.ok()) return done;
+  }
+  std::fprintf(log, "Going to exit.\n");
+  return {};
 }
 
 }  // namespace tarn

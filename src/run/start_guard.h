@@ -2,7 +2,8 @@
 // Under unlimited retries a start whose attempts can never succeed would run
 // for ever. Until some start of the run has succeeded, kMaxFailuresInARow
 // failed attempts of one start end the run instead. One guard serves the
-// whole run, on every thread.
+// whole run, on every thread; it also tells the threads of a run that has
+// failed to stop.
 
 #include <atomic>
 #include <string>
@@ -24,12 +25,17 @@ class StartGuard {
            !any_success_.load(std::memory_order_relaxed);
   }
 
-  // The error line that ends the run, for a start of dimension k.
+  // The error that ends the run, for a start of dimension k.
   static std::string message(int k);
+
+  // The run has failed: no thread starts or reports anything more.
+  void stop() { stopped_.store(true, std::memory_order_relaxed); }
+  bool stopped() const { return stopped_.load(std::memory_order_relaxed); }
 
  private:
   bool unlimited_;
   std::atomic<bool> any_success_{false};
+  std::atomic<bool> stopped_{false};
 };
 
 }  // namespace tarn

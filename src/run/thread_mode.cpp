@@ -1,127 +1,132 @@
 #include <omp.h>
 
-#include <vector>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+#include <string>
 
-#include "core/em.h"
-#include "core/initial_model.h"
-#include "io/log.h"
-#include "io/model_files.h"
 #include "io/read_table.h"
+#include "run/em_starts.h"
 #include "run/modes.h"
 #include "run/records.h"
-#include "run/set_table.h"
-#include "run/start_guard.h"
+#include "run/set_bests.h"
+#include "run/set_end.h"
 
 namespace tarn {
 
 namespace {
 
-// The ticket counters: which set and dim the next task belongs to.
-struct Tickets {
-  int set_id = 1;  // 0 once every ticket is given out
-  int dim_index = 0;
-  int iter = 0;
-  int set_in_dim = 0;
+// What the team shares; every member is read and written under the lock.
+struct TeamState {
+  std::size_t next_task = 0;  // tasks are the starts of the job's sets, set by set
+  Status error;               // the first error of a thread: the run ends on it
 };
 
-// Takes the next ticket (under the lock): its set id, or 0 when none is left.
-int take_ticket(Tickets* tk, const Args* args, int* k) {
-  const int sid = tk->set_id;
-  if (sid == 0) return 0;
-  *k = args->dims[tk->dim_index];
-  if (++tk->iter == args->iterations) {
-    tk->iter = 0;
-    ++tk->set_id;
-    if (++tk->set_in_dim == args->sets) {
-      tk->set_in_dim = 0;
-      if (++tk->dim_index == args->n_dims) tk->set_id = 0;
-    }
-  }
-  return sid;
+// What the end of a set wrote to its log, and how it ended.
+struct SetLog {
+  std::string lines;
+  Status status;
+};
+
+SetLog write_set(const RunContext& context, const Estimate* best, int number,
+                 EstimationRecords* rec) {
+  char* text = nullptr;
+  std::size_t size = 0;
+  std::FILE* buffer = open_memstream(&text, &size);
+  if (buffer == nullptr) throw std::bad_alloc();
+  SetLog out;
+  out.status = finish_set(context, best, number, rec->buffers.get(), buffer);
+  std::fclose(buffer);
+  out.lines.assign(text, size);
+  std::free(text);
+  return out;
 }
 
-// One task: attempts from fresh random models, retried as in the single mode.
-Estimate run_task(const Args* args, const SSMData* data, EstimationRecords* rec, int k,
-                  StartGuard* guard) {
-  const EmSettings* em = args->em.get();
-  int fails = 0;
-  int tries = -1;
-  Estimate result{};
+// A thread's part: it takes the next start of the job until none is left or
+// the run has failed.
+void work_through_tasks(const RunContext& context, const StartContext& starts, SetBests* bests,
+                        TeamState* team) {
+  const Job& job = context.job;
+  const std::size_t n_tasks = job.sets.size() * static_cast<std::size_t>(job.starts);
+  const int me = omp_get_thread_num();
+  // Private records for the largest dim.
+  EstimationRecords rec(&context.data, max_dimension(job.dims), starts.em.constrain_F);
+  int prepared_k = -1;
   for (;;) {
-    ++tries;
+    std::size_t task = n_tasks;
 #pragma omp critical
-    draw_initial_model(*args->init, *data, k, rec->ssm_a.get());
-    result = run_em(*em, *data, rec->ssm_a.get(), rec->buffers.get(), TARN_ERR);
-    if (em->retry >= 0 && em->retry <= tries) break;
-    if (is_usable_likelihood(result.log_likelihood) && result.monotone) {
-      guard->note_success();
-      break;
+    if (!starts.guard->stopped() && team->next_task < n_tasks) task = team->next_task++;
+    if (task == n_tasks) break;
+    const int place = static_cast<int>(task / static_cast<std::size_t>(job.starts)) + 1;
+    const PlannedSet& set = job.sets[static_cast<std::size_t>(place - 1)];
+    if (starts.em.constrain_F != 0 && set.k != prepared_k) {
+      prepare_F_constraint(&rec.buffers->workspace, set.k);
+      prepared_k = set.k;
     }
-    fails = tries + 1;
-    if (guard->gives_up(fails)) {
+    const Result<Estimate> result =
+        estimate_start(starts, set.k, rec.working.get(), rec.buffers.get());
+    bool stop = false;
+    bool set_done = false;
 #pragma omp critical
-      tarn_fatal("%s", StartGuard::message(k).c_str());
+    {
+      if (!result.ok() && !starts.guard->stopped()) {
+        team->error = result.status();
+        starts.guard->stop();
+      }
+      stop = starts.guard->stopped();
+      set_done = !stop && bests->add_start(place, me, result.value(), context.log) == job.starts;
     }
-    std::fprintf(TARN_ERR, "Estimation failed.  Retrying (%d)...\n", fails);
-    std::fflush(TARN_ERR);
+    // The set's files are written outside the lock; its log lines are
+    // gathered and printed together.
+    if (set_done) {
+      const SetLog set_log = write_set(context, bests->best_of(place), set.number, &rec);
+#pragma omp critical
+      {
+        std::fputs(set_log.lines.c_str(), context.log);
+        std::fflush(context.log);
+        bests->release(place);
+        if (!set_log.status.ok() && !starts.guard->stopped()) {
+          team->error = set_log.status;
+          starts.guard->stop();
+        }
+        stop = starts.guard->stopped();
+      }
+    }
+    if (stop) break;
   }
-  if (em->retry != -1 && fails >= em->retry) {
-    std::fprintf(TARN_ERR, "WARNING: Retry count exceeded the limitation.\n");
-    std::fflush(TARN_ERR);
-  }
-  return result;
 }
 
 }  // namespace
 
-void thread(const Args* args, const SSMData* data) {
-  std::fprintf(TARN_ERR, "*******************************\n");
-  std::fprintf(TARN_ERR, "**   Thread Execution Mode   **\n");
-  std::fprintf(TARN_ERR, "*******************************\n");
-  std::fprintf(TARN_ERR, "Number of threads = %d\n", args->threads);
-  omp_set_num_threads(args->threads);
-  print_table_summary(*data);
-  if (const Status samples = check_samples(*data); !samples.ok())
-    tarn_fatal("%s\n", samples.message().c_str());
-  const int max_k = max_dimension(args);
-  std::fprintf(TARN_ERR, "Max dimemsion = %d\n", max_k);
-  std::fprintf(TARN_ERR, "Total single tasks = %d\n", args->iterations * args->sets * args->n_dims);
-  std::fflush(TARN_ERR);
-  require_dimensions(args);
-  if (args->sets < 1 || args->iterations < 1) {
-    tarn_fatal("ERROR: The thread mode needs at least one set (-s) and one iteration (-n).\n");
+Status run_thread_mode(const RunContext& context) {
+  const RunSettings& settings = context.settings;
+  const Job& job = context.job;
+  std::FILE* log = context.log;
+  std::fprintf(log, "*******************************\n");
+  std::fprintf(log, "**   Thread Execution Mode   **\n");
+  std::fprintf(log, "*******************************\n");
+  std::fprintf(log, "Number of threads = %d\n", settings.threads);
+  omp_set_num_threads(settings.threads);
+  print_table_summary(context.data);
+  if (Status samples = check_samples(context.data); !samples.ok()) return samples;
+  const int n_dims = static_cast<int>(job.dims.size());
+  std::fprintf(log, "Max dimemsion = %d\n", max_dimension(job.dims));
+  std::fprintf(log, "Total single tasks = %d\n", job.starts * job.sets_per_dim * n_dims);
+  std::fflush(log);
+  if (Status dims = require_dimensions(job.dims); !dims.ok()) return dims;
+  if (job.sets_per_dim < 1 || job.starts < 1) {
+    return Status::error(
+        "ERROR: The thread mode needs at least one set (-s) and one iteration (-n).");
   }
 
-  const std::size_t n = static_cast<std::size_t>(args->n_dims) * args->sets;
-  Tickets tickets;
-  SetTable table(n, max_k);
-  StartGuard guard(args->em->retry);
-
+  SetBests bests(job.sets.size(), max_dimension(job.dims));
+  StartGuard guard(settings.em.retry);
+  const StartContext starts{settings.em, settings.init, context.data, log, &guard, false};
+  TeamState team;
 #pragma omp parallel default(shared)
-  {
-    const int me = omp_get_thread_num();
-    // Private records for the largest dim; ssm_a is the working model.
-    EstimationRecords rec(data, max_k, args->em->constrain_F);
-    int prepared_k = -1;
-    for (;;) {
-      int k = 0;
-      int sid = 0;
-#pragma omp critical
-      {
-        sid = take_ticket(&tickets, args, &k);
-#pragma omp flush(tickets)
-      }
-      if (sid == 0) break;
-      if (args->em->constrain_F != 0 && k != prepared_k) {
-        prepare_F_constraint(&rec.buffers->workspace, k);
-        prepared_k = k;
-      }
-      Estimate result = run_task(args, data, &rec, k, &guard);
-#pragma omp critical
-      finish_task(&table, args, data, sid, me, result, &rec.buffers->workspace,
-                  &rec.buffers->trajectory);
-    }
-  }
+  work_through_tasks(context, starts, &bests, &team);
+  return team.error;
 }
 
 }  // namespace tarn
