@@ -1,12 +1,13 @@
 #pragma once
 // Runs the real tarnssm binary in a scratch directory and captures what it
-// printed and how it ended.
+// printed and how it ended; text in files and in temporary streams.
 
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -31,6 +32,22 @@ inline std::string read_text(const std::filesystem::path& path) {
 
 inline void write_text(const std::filesystem::path& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
+}
+
+// A temporary stream holding bytes, positioned at its start.
+inline std::FILE* stream_of(const std::string& bytes) {
+  std::FILE* fp = std::tmpfile();
+  std::fwrite(bytes.data(), 1, bytes.size(), fp);
+  std::rewind(fp);
+  return fp;
+}
+
+// Everything written to fp so far.
+inline std::string text_of(std::FILE* fp) {
+  std::rewind(fp);
+  std::string text;
+  for (int c = std::fgetc(fp); c != EOF; c = std::fgetc(fp)) text += static_cast<char>(c);
+  return text;
 }
 
 // A fresh directory under the system's temporary folder, removed on scope exit.

@@ -102,14 +102,9 @@ inline Model random_model(int p, int k, std::mt19937_64& rng) {
     for (double& x : M.a) x = std::uniform_real_distribution<double>(lo, hi)(rng);
     return M;
   };
-  Model m{p,
-          k,
-          fill(k, 1, -1, 1),
-          identity(k),
-          fill(p, k, -1, 1),
-          fill(p, 1, 0.2, 1.5),
-          fill(k, k, -1, 1),
-          Mat(k, 1)};
+  Model m;
+  m.p = p, m.k = k, m.exp = fill(k, 1, -1, 1), m.var = identity(k), m.H = fill(p, k, -1, 1);
+  m.R = fill(p, 1, 0.2, 1.5), m.F = fill(k, k, -1, 1), m.Q = Mat(k, 1);
   std::fill(m.Q.a.begin(), m.Q.a.end(), 1.0);
   double fro = 0.0;
   for (double x : m.F.a) fro += x * x;

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "io/model_file.h"
-#include "text_stream.h"
+#include "run_binary.h"
 
 using namespace tarn;  // NOLINT(google-build-using-namespace)
 
