@@ -47,14 +47,13 @@ std::string make_table(int p, int T, int reps) {
 void BM_read_file(benchmark::State& state) {
   const int p = static_cast<int>(state.range(0));
   const std::string path = make_table(p, 12, 3);
-  TARN_ERR = std::fopen("/dev/null", "w");
+  std::FILE* log = std::fopen("/dev/null", "w");
   for (auto _ : state) {
-    auto data = std::move(read_table_file(path.c_str()).value());
+    auto data = std::move(read_table_file(path.c_str(), log).value());
     benchmark::DoNotOptimize(data->Y.data());
   }
   state.SetItemsProcessed(state.iterations() * p * 36);
-  std::fclose(TARN_ERR);
-  TARN_ERR = stderr;
+  std::fclose(log);
   std::remove(path.c_str());
 }
 BENCHMARK(BM_read_file)->Arg(1000)->Arg(20000)->Unit(benchmark::kMillisecond);
@@ -62,15 +61,14 @@ BENCHMARK(BM_read_file)->Arg(1000)->Arg(20000)->Unit(benchmark::kMillisecond);
 void BM_mean_shift(benchmark::State& state) {
   const int p = static_cast<int>(state.range(0));
   const std::string path = make_table(p, 12, 3);
-  TARN_ERR = std::fopen("/dev/null", "w");
-  auto data = std::move(read_table_file(path.c_str()).value());
+  std::FILE* log = std::fopen("/dev/null", "w");
+  auto data = std::move(read_table_file(path.c_str(), log).value());
   for (auto _ : state) {
     SSMData_node_mean_shift(data.get(), 1);
     benchmark::DoNotOptimize(data->Y.data());
   }
   state.SetItemsProcessed(state.iterations() * p * 36);
-  std::fclose(TARN_ERR);
-  TARN_ERR = stderr;
+  std::fclose(log);
   std::remove(path.c_str());
 }
 BENCHMARK(BM_mean_shift)->Arg(1000)->Arg(20000)->Unit(benchmark::kMicrosecond);

@@ -7,16 +7,14 @@
 #include <cstdlib>
 #include <new>
 
-#include "io/log.h"
 #include "io/read_table.h"
 
 using namespace tarn;  // NOLINT(google-build-using-namespace)
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  // The reader reports meta-data lines on the log.
-  TARN_ERR = std::fopen("/dev/null", "w");
-  return 0;
-}
+namespace {
+// The reader reports meta-data lines on the log.
+std::FILE* const kLog = std::fopen("/dev/null", "w");
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static std::uint8_t none = 0;  // the empty input still needs a buffer to open
@@ -24,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (fp == nullptr) std::abort();
   try {
     // The budget of a run on a machine of 1 GB, below libFuzzer's limits.
-    const auto table = read_table(fp, {1e9, 0.0});
+    const auto table = read_table(fp, kLog, {1e9, 0.0});
     if (!table.ok() && table.status().message().empty()) std::abort();
   } catch (const std::bad_alloc&) {
   }

@@ -71,7 +71,7 @@ Result<std::unique_ptr<SSMData>> read_input(const RunSettings& settings, bool es
                                             std::FILE* log) {
   const char* file = settings.input_file ? settings.input_file->c_str() : nullptr;
   Result<std::unique_ptr<SSMData>> table =
-      read_table_file(file, {memory_limit_bytes(), bytes_per_time_point(settings)});
+      read_table_file(file, log, {memory_limit_bytes(), bytes_per_time_point(settings)});
   if (!table.ok()) return table;
   if (estimates) {
     if (Status table_ok = report(check_table(settings, *table.value()), log); !table_ok.ok()) {
@@ -106,7 +106,7 @@ Status run_with_log(RunSettings* settings, const Findings& value_findings, std::
   SetLocks locks;
   if (estimates) {
     if (Status objects = report(check_objects(*settings, data), log); !objects.ok()) return objects;
-    Status claimed = report(claim_result_sets(*settings, sets, &locks), log);
+    Status claimed = report(claim_result_sets(*settings, sets, &locks, log), log);
     if (!claimed.ok()) return claimed;
   }
   return run_mode({*settings, job, data, log});
@@ -126,10 +126,13 @@ int run(int argc, char** argv) {
     print_error(stderr, log.status().message());
     return 1;
   }
-  // The readers and writers that print to the log by name.
-  TARN_ERR = log.value();
-  if (const Status ran = run_with_log(&line.settings, line.value_findings, log.value());
-      !ran.ok()) {
+  Status ran;
+  try {
+    ran = run_with_log(&line.settings, line.value_findings, log.value());
+  } catch (const std::bad_alloc&) {
+    ran = Status::error("ERROR: Out of memory.");
+  }
+  if (!ran.ok()) {
     print_error(log.value(), ran.message());
     return 1;
   }
@@ -151,7 +154,7 @@ int main(int argc, char** argv) {
   try {
     return tarn::run(argc, argv);
   } catch (const std::bad_alloc&) {
-    tarn::print_error(tarn::TARN_ERR, "ERROR: Out of memory.");
+    tarn::print_error(stderr, "ERROR: Out of memory.");
     return 1;
   }
 }

@@ -89,6 +89,8 @@ std::string counted(long long n, const char* one, const char* many) {
 }
 
 struct TableReader {
+  explicit TableReader(std::FILE* log_stream) : log(log_stream) {}
+  std::FILE* log;
   std::string primary_key = "time";
   std::string secondary_key = "replicate";
   std::vector<int> time_labels;
@@ -113,19 +115,19 @@ struct TableReader {
   void meta_line(const char* start) {
     const char* tab = std::strchr(start, '\t');
     if (tab == nullptr) {
-      std::fprintf(TARN_ERR, "WARNING: Broken meta data line found. Skip...\n");
+      std::fprintf(log, "WARNING: Broken meta data line found. Skip...\n");
       return;
     }
     const std::string key = strip(start, tab);
     const std::string value = strip(tab + 1, tab + std::strlen(tab));
     if (strcasecmp(key.c_str(), "$primarykeygroupid") == 0) {
       primary_key = value;
-      std::fprintf(TARN_ERR, "  $PrimaryKeyGroupID: \"%s\"\n", value.c_str());
+      std::fprintf(log, "  $PrimaryKeyGroupID: \"%s\"\n", value.c_str());
     } else if (strcasecmp(key.c_str(), "$secondarykeygroupid") == 0) {
       secondary_key = value;
-      std::fprintf(TARN_ERR, "  $SecondaryPrimaryKeyGroupID: \"%s\"\n", value.c_str());
+      std::fprintf(log, "  $SecondaryPrimaryKeyGroupID: \"%s\"\n", value.c_str());
     } else {
-      std::fprintf(TARN_ERR, "WARNING: Unsupported meta data key: %s\n", key.c_str());
+      std::fprintf(log, "WARNING: Unsupported meta data key: %s\n", key.c_str());
     }
   }
 
@@ -394,8 +396,9 @@ struct TableReader {
 
 }  // namespace
 
-Result<std::unique_ptr<SSMData>> read_table(std::FILE* fp, const ReadBudget& budget) {
-  TableReader reader;
+Result<std::unique_ptr<SSMData>> read_table(std::FILE* fp, std::FILE* log,
+                                            const ReadBudget& budget) {
+  TableReader reader(log);
   std::string text;
   while (read_line(fp, text)) {
     ++reader.line_no;
@@ -404,26 +407,27 @@ Result<std::unique_ptr<SSMData>> read_table(std::FILE* fp, const ReadBudget& bud
   return reader.finish(budget);
 }
 
-Result<std::unique_ptr<SSMData>> read_table_file(const char* file_name, const ReadBudget& budget) {
+Result<std::unique_ptr<SSMData>> read_table_file(const char* file_name, std::FILE* log,
+                                                 const ReadBudget& budget) {
   if (file_name == nullptr) {
-    std::fprintf(TARN_ERR, "Reading input data from the standard input.\n");
-    return read_table(stdin, budget);
+    std::fprintf(log, "Reading input data from the standard input.\n");
+    return read_table(stdin, log, budget);
   }
-  std::fprintf(TARN_ERR, "Reading input data file: %s\n", file_name);
+  std::fprintf(log, "Reading input data file: %s\n", file_name);
   std::FILE* fp = std::fopen(file_name, "r");
   if (fp == nullptr) return read_error::cannot_open(file_name);
-  Result<std::unique_ptr<SSMData>> table = read_table(fp, budget);
+  Result<std::unique_ptr<SSMData>> table = read_table(fp, log, budget);
   std::fclose(fp);
   return table;
 }
 
-void print_table_summary(const SSMData& data) {
-  std::fprintf(TARN_ERR, "--- INPUT DATA ---------\n");
-  std::fprintf(TARN_ERR, " observed samples = %d\n", data.n_samples);
-  std::fprintf(TARN_ERR, " objects = %d\n", data.p);
-  std::fprintf(TARN_ERR, " time points = %d\n", data.T);
-  std::fprintf(TARN_ERR, " replicates = %d\n", data.n_replicates);
-  std::fprintf(TARN_ERR, "------------------------\n");
+void print_table_summary(const SSMData& data, std::FILE* log) {
+  std::fprintf(log, "--- INPUT DATA ---------\n");
+  std::fprintf(log, " observed samples = %d\n", data.n_samples);
+  std::fprintf(log, " objects = %d\n", data.p);
+  std::fprintf(log, " time points = %d\n", data.T);
+  std::fprintf(log, " replicates = %d\n", data.n_replicates);
+  std::fprintf(log, "------------------------\n");
 }
 
 Status check_samples(const SSMData& data) {

@@ -94,7 +94,7 @@ SetLocks::~SetLocks() {
 }
 
 std::string take_set_locks(const char* prefix, const char* suffix, std::span<const SetId> sets,
-                           SetLocks* held) {
+                           SetLocks* held, std::FILE* log) {
   make_room_for(sets.size());
   std::set<std::string> done;  // a set named twice is locked once
   for (const SetId id : sets) {
@@ -111,11 +111,11 @@ std::string take_set_locks(const char* prefix, const char* suffix, std::span<con
     const int err = errno;
     close(fd);
     if (got == Lock::busy) return busy_error(prefix, id, holder);
-    std::fprintf(TARN_ERR,
+    std::fprintf(log,
                  "WARNING: Result sets of prefix \"%s\" cannot be locked (%s); runs sharing the "
                  "prefix may mix their files.\n",
                  prefix, std::strerror(err));
-    std::fflush(TARN_ERR);
+    std::fflush(log);
     return "";
   }
   return "";

@@ -39,10 +39,10 @@ class SetLocks {
 // or
 //   ERROR: Cannot write to the output folder of prefix "out/run":
 //   Permission denied.
-// Where the file system has no record locks, writes a warning to TARN_ERR
+// Where the file system has no record locks, writes a warning to log
 // and goes on unlocked.
 std::string take_set_locks(const char* prefix, const char* suffix, std::span<const SetId> sets,
-                           SetLocks* held);
+                           SetLocks* held, std::FILE* log);
 
 // Creates and removes a temporary file where the results of prefix go.
 // Returns "" when that works, else the line (without newline)

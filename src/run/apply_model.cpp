@@ -49,12 +49,12 @@ Status check_memory(int p, int k, const SSMData& data) {
 }
 
 // The model read must fit the data and the memory before anything is run.
-Status check_fit(const StoredModel& model, const SSMData& data) {
+Status check_fit(const StoredModel& model, const SSMData& data, std::FILE* log) {
   if (model.p != data.p) {
     return Status::error("ERROR: Number of objects inconsistent.\n     :  input data: " +
                          std::to_string(data.p) + "  vs  input SSM: " + std::to_string(model.p));
   }
-  print_table_summary(data);
+  print_table_summary(data, log);
   if (Status samples = check_samples(data); !samples.ok()) return samples;
   if (model.k < 1) {
     return Status::error("ERROR: State dimension must be 1 or more: " + std::to_string(model.k));
@@ -75,7 +75,7 @@ Status apply_stored_model(const char* model_file, const SSMData& data, bool upda
   const int k = model->k;
   std::fprintf(log, "  Done. p = %d, dim = %d.\n", model->p, k);
   std::fflush(log);
-  if (Status fits = check_fit(model.value(), data); !fits.ok()) return fits;
+  if (Status fits = check_fit(model.value(), data, log); !fits.ok()) return fits;
 
   StateSpaceModel& ssm = *model->ssm;
   auto state = std::make_unique<Trajectory>(k, data.T);

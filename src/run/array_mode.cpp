@@ -27,7 +27,7 @@ Status run_array_task(const RunContext& context) {
     return Status::error("ERROR: The job ID (-i) must be 1 or more: " +
                          std::to_string(settings.id));
   }
-  print_table_summary(context.data);
+  print_table_summary(context.data, context.log);
   if (Status samples = check_samples(context.data); !samples.ok()) return samples;
 
   const PlannedSet& set = context.job.sets.front();

@@ -132,12 +132,12 @@ Findings check_objects(const RunSettings& settings, const SSMData& data) {
   return found;
 }
 
-Findings claim_result_sets(const RunSettings& settings, std::span<const SetId> sets,
-                           SetLocks* held) {
+Findings claim_result_sets(const RunSettings& settings, std::span<const SetId> sets, SetLocks* held,
+                           std::FILE* log) {
   Findings found;
   std::string error = check_output_folder(settings.prefix.c_str());
   if (error.empty())
-    error = take_set_locks(settings.prefix.c_str(), settings.suffix.c_str(), sets, held);
+    error = take_set_locks(settings.prefix.c_str(), settings.suffix.c_str(), sets, held, log);
   if (!error.empty()) {
     found.lines.push_back(error + "\n");
     found.failed = true;

@@ -43,8 +43,8 @@ Findings check_objects(const RunSettings& settings, const SSMData& data);
 
 // The output folder takes files, and no other run writes one of the sets:
 // locks on them are added to held.
-Findings claim_result_sets(const RunSettings& settings, std::span<const SetId> sets,
-                           SetLocks* held);
+Findings claim_result_sets(const RunSettings& settings, std::span<const SetId> sets, SetLocks* held,
+                           std::FILE* log);
 
 // The memory the mode will allocate for its records, against the memory the
 // run may use. Applies to every estimation mode that allocates them, also

@@ -47,7 +47,7 @@ Status run_single_mode(const RunContext& context) {
   std::fprintf(log, "*******************************\n");
   std::fprintf(log, "**   Single Execution Mode   **\n");
   std::fprintf(log, "*******************************\n");
-  print_table_summary(context.data);
+  print_table_summary(context.data, context.log);
   if (Status samples = check_samples(context.data); !samples.ok()) return samples;
   const int max_k = max_dimension(context.job.dims);
   std::fprintf(log, "Max dimemsion = %d\n", max_k);

@@ -108,7 +108,7 @@ Status run_thread_mode(const RunContext& context) {
   std::fprintf(log, "*******************************\n");
   std::fprintf(log, "Number of threads = %d\n", settings.threads);
   omp_set_num_threads(settings.threads);
-  print_table_summary(context.data);
+  print_table_summary(context.data, context.log);
   if (Status samples = check_samples(context.data); !samples.ok()) return samples;
   const int n_dims = static_cast<int>(job.dims.size());
   std::fprintf(log, "Max dimemsion = %d\n", max_dimension(job.dims));

@@ -23,12 +23,11 @@ Result<std::unique_ptr<SSMData>> read_text(std::string text, std::string* log = 
                                            const ReadBudget& budget = {}) {
   text += '\0';  // a buffer to open also for empty text; the NUL is not read
   std::FILE* in = fmemopen(text.data(), text.size() - 1, "r");
-  TARN_ERR = std::tmpfile();
-  auto table = read_table(in, budget);
-  if (log != nullptr) *log = tarn_test::text_of(TARN_ERR);
-  std::fclose(TARN_ERR);
+  std::FILE* log_file = std::tmpfile();
+  auto table = read_table(in, log_file, budget);
+  if (log != nullptr) *log = tarn_test::text_of(log_file);
+  std::fclose(log_file);
   std::fclose(in);
-  TARN_ERR = stderr;
   return table;
 }
 
