@@ -40,7 +40,7 @@ struct EmFixture {
   void e_step() { tarn::e_step(*ssm, *data, &buffers); }
   void m_step() { tarn::m_step(em, *data, buffers.total_sums, ssm.get(), &buffers.workspace); }
 
-  std::unique_ptr<SSMData> data;
+  std::unique_ptr<DataSet> data;
   std::unique_ptr<StateSpaceModel> ssm;
   EmBuffers buffers;
   EmSettings em;

@@ -64,7 +64,7 @@ void BM_mean_shift(benchmark::State& state) {
   std::FILE* log = std::fopen("/dev/null", "w");
   auto data = std::move(read_table_file(path.c_str(), log).value());
   for (auto _ : state) {
-    SSMData_node_mean_shift(data.get(), 1);
+    shift_means(data.get(), 1);
     benchmark::DoNotOptimize(data->Y.data());
   }
   state.SetItemsProcessed(state.iterations() * p * 36);

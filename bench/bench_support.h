@@ -14,8 +14,8 @@ using namespace tarn;  // NOLINT(google-build-using-namespace)
 namespace tarn_bench {
 
 // p objects, n_replicates replicates of T time points each.
-inline std::unique_ptr<SSMData> make_data(int p, int T, int n_replicates, unsigned seed = 5) {
-  auto d = std::make_unique<SSMData>();
+inline std::unique_ptr<DataSet> make_data(int p, int T, int n_replicates, unsigned seed = 5) {
+  auto d = std::make_unique<DataSet>();
   d->p = p;
   d->T = T;
   d->n_replicates = n_replicates;

@@ -191,9 +191,9 @@ ParseCode parse_on_off(const char* word, int* out) {
 void append_range_piece(const char* piece, std::vector<int>* values) {
   const char* dash = std::strchr(piece, '-');
   const char* colon = std::strchr(piece, ':');
-  const int lo = tarn_atoi(piece);
-  const int hi = dash != nullptr ? std::max(lo, tarn_atoi(dash + 1)) : lo;
-  const int step = colon != nullptr ? tarn_atoi(colon + 1) : 1;
+  const int lo = leading_int(piece);
+  const int hi = dash != nullptr ? std::max(lo, leading_int(dash + 1)) : lo;
+  const int step = colon != nullptr ? leading_int(colon + 1) : 1;
   int taken = 0;
   std::int64_t v = lo;
   do {
@@ -218,10 +218,10 @@ void parse_ranges(char* word, std::vector<int>* values) {
 ParseCode store_value(const OptionRow& row, char* value) {
   switch (row.kind) {
     case OptionKind::integer:
-      if (int* const* to = std::get_if<int*>(&row.target)) **to = tarn_atoi(value);
+      if (int* const* to = std::get_if<int*>(&row.target)) **to = leading_int(value);
       break;
     case OptionKind::number:
-      if (double* const* to = std::get_if<double*>(&row.target)) **to = tarn_atof(value);
+      if (double* const* to = std::get_if<double*>(&row.target)) **to = leading_double(value);
       break;
     case OptionKind::positional:
     case OptionKind::text:

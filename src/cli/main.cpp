@@ -67,10 +67,10 @@ Status report(const Findings& found, std::FILE* log) {
 
 // The input table, mean-shifted as asked; the checks of the table as read
 // only where a set is estimated.
-Result<std::unique_ptr<SSMData>> read_input(const RunSettings& settings, bool estimates,
+Result<std::unique_ptr<DataSet>> read_input(const RunSettings& settings, bool estimates,
                                             std::FILE* log) {
   const char* file = settings.input_file ? settings.input_file->c_str() : nullptr;
-  Result<std::unique_ptr<SSMData>> table =
+  Result<std::unique_ptr<DataSet>> table =
       read_table_file(file, log, {memory_limit_bytes(), bytes_per_time_point(settings)});
   if (!table.ok()) return table;
   if (estimates) {
@@ -80,7 +80,7 @@ Result<std::unique_ptr<SSMData>> read_input(const RunSettings& settings, bool es
   }
   if (settings.shift > 0) {
     std::fprintf(log, "Applying mean shift for the input data set.\n");
-    SSMData_node_mean_shift(table.value().get(), settings.shift == 1 ? 1 : 0);
+    shift_means(table.value().get(), settings.shift == 1 ? 1 : 0);
   }
   return table;
 }
@@ -98,9 +98,9 @@ Status run_with_log(RunSettings* settings, const Findings& value_findings, std::
   if (estimates) {
     if (Status values = report(value_findings, log); !values.ok()) return values;
   }
-  Result<std::unique_ptr<SSMData>> read = read_input(*settings, estimates, log);
+  Result<std::unique_ptr<DataSet>> read = read_input(*settings, estimates, log);
   if (!read.ok()) return read.status();
-  const SSMData& data = *read.value();
+  const DataSet& data = *read.value();
   if (Status memory = report(check_memory(*settings, data), log); !memory.ok()) return memory;
   // Held until the process ends: no other run writes these sets meanwhile.
   SetLocks locks;

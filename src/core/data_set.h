@@ -8,7 +8,7 @@
 
 namespace tarn {
 
-struct SSMData {
+struct DataSet {
   std::vector<double> Y;  // p x n_samples, column-major; missing cells hold 0.0
   int n_samples = 0;
   int p = 0;
@@ -36,6 +36,6 @@ struct SSMData {
 
 // Centres every object: over each replicate (each_replicate = 1) or over all
 // samples (each_replicate = 0). Missing cells are left alone.
-void SSMData_node_mean_shift(SSMData* data, int each_replicate);
+void shift_means(DataSet* data, int each_replicate);
 
 }  // namespace tarn

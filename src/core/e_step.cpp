@@ -77,7 +77,7 @@ void sum_replicate(const StateSpaceModel& model, const ReplicateView& series,
   });
 }
 
-double e_step(const StateSpaceModel& model, const SSMData& data, EmBuffers* buffers) {
+double e_step(const StateSpaceModel& model, const DataSet& data, EmBuffers* buffers) {
   const int k = model.k();
   buffers->total_sums.reset(k);
   double llh = 0.0;

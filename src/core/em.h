@@ -39,7 +39,7 @@ struct Estimate {
 
 // One E-step: filter and smoother over every replicate, summed into
 // buffers->total_sums. Returns the log-likelihood. Allocates nothing.
-double e_step(const StateSpaceModel& model, const SSMData& data, EmBuffers* buffers);
+double e_step(const StateSpaceModel& model, const DataSet& data, EmBuffers* buffers);
 
 // The sums of one replicate from its smoothed trajectory (with the lagged
 // covariances formed), with the conditional expectations of the missing rows.
@@ -49,12 +49,12 @@ void sum_replicate(const StateSpaceModel& model, const ReplicateView& series,
 // The M-step on sums: initial mean (with update_mu), H, F (its diagonal held at
 // constrain_Fg with constrain_F, which the workspace must have been made
 // for), then R.
-void m_step(const EmSettings& settings, const SSMData& data, const SufficientStats& sums,
+void m_step(const EmSettings& settings, const DataSet& data, const SufficientStats& sums,
             StateSpaceModel* model, Workspace* work);
 
 // Runs EM on model from the model it holds until the likelihood settles, the
 // loop limit is reached or the likelihood turns NaN; progress lines go to log.
-Estimate run_em(const EmSettings& settings, const SSMData& data, StateSpaceModel* model,
+Estimate run_em(const EmSettings& settings, const DataSet& data, StateSpaceModel* model,
                 EmBuffers* buffers, std::FILE* log);
 
 // Finite, not zero and not subnormal: a likelihood a result can be kept for.

@@ -20,7 +20,7 @@ double bic_of(double llh, int p, int k, const EmSettings& settings, int n_sample
 
 }  // namespace
 
-Estimate run_em(const EmSettings& settings, const SSMData& data, StateSpaceModel* model,
+Estimate run_em(const EmSettings& settings, const DataSet& data, StateSpaceModel* model,
                 EmBuffers* buffers, std::FILE* log) {
   int i = 0;
   double prev = -DBL_MAX;

@@ -4,7 +4,7 @@
 
 namespace tarn {
 
-void compute_initial_R(const SSMData& data, std::span<double> R) {
+void compute_initial_R(const DataSet& data, std::span<double> R) {
   const int p = data.p;
   const int n_samples = data.n_samples;
   const double s = 1.0 / n_samples;
@@ -22,7 +22,7 @@ void compute_initial_R(const SSMData& data, std::span<double> R) {
   }
 }
 
-void draw_initial_model(const InitialModelSettings& settings, const SSMData& data, int k,
+void draw_initial_model(const InitialModelSettings& settings, const DataSet& data, int k,
                         StateSpaceModel* model) {
   model->set_state_dimension(k);
   RandomStream& stream = *settings.stream;

@@ -19,7 +19,7 @@ struct ReplicateView {
 };
 
 // Replicate r of the data set.
-ReplicateView replicate_view(const SSMData& data, int r);
+ReplicateView replicate_view(const DataSet& data, int r);
 
 // Fills the predicted and filtered tables, F_filtered_cov and
 // predicted_precision of trajectory for the replicate and returns its

@@ -70,7 +70,7 @@ void update_F_constrained(const SufficientStats& sums, double g, StateSpaceModel
 
 }  // namespace
 
-void m_step(const EmSettings& settings, const SSMData& data, const SufficientStats& sums,
+void m_step(const EmSettings& settings, const DataSet& data, const SufficientStats& sums,
             StateSpaceModel* model, Workspace* work) {
   const int p = data.p;
   int k = model->k();

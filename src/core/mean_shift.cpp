@@ -10,7 +10,7 @@ namespace {
 // Calls visit(i, y) for every observed row i of column s, walking the
 // ascending missing list beside the rows.
 template <typename Visit>
-void for_observed(SSMData* data, int s, Visit visit) {
+void for_observed(DataSet* data, int s, Visit visit) {
   const int* m = data->missing[static_cast<std::size_t>(s)];
   double* y = data->Y.data() + static_cast<std::size_t>(s) * static_cast<std::size_t>(data->p);
   for (int i = 0; i < data->p; ++i) {
@@ -24,7 +24,7 @@ void for_observed(SSMData* data, int s, Visit visit) {
 
 // Subtracts from every object its mean over the given columns, in order.
 template <typename ForColumns>
-void shift_group(SSMData* data, std::vector<double>& mean, std::vector<int>& count,
+void shift_group(DataSet* data, std::vector<double>& mean, std::vector<int>& count,
                  ForColumns for_columns) {
   mean.assign(static_cast<std::size_t>(data->p), 0.0);
   count.assign(static_cast<std::size_t>(data->p), 0);
@@ -44,7 +44,7 @@ void shift_group(SSMData* data, std::vector<double>& mean, std::vector<int>& cou
 
 }  // namespace
 
-void SSMData_node_mean_shift(SSMData* data, int each_replicate) {
+void shift_means(DataSet* data, int each_replicate) {
   std::vector<double> mean;
   std::vector<int> count;
   if (each_replicate == 1) {

@@ -9,14 +9,14 @@
 namespace tarn {
 
 // atoi as the C library computes it: strtol, truncated to int.
-inline int tarn_atoi(const char* s) {
+inline int leading_int(const char* s) {
   const int saved = errno;
   const long v = std::strtol(s, nullptr, 10);
   errno = saved;
   return static_cast<int>(v);
 }
 
-inline double tarn_atof(const char* s) {
+inline double leading_double(const char* s) {
   const int saved = errno;
   const double v = std::strtod(s, nullptr);
   errno = saved;

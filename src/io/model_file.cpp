@@ -172,10 +172,10 @@ Result<int> read_block(LineReader& in, const Block& b, bool last) {
 Result<std::pair<int, int>> read_dimensions(LineReader& in, double memory_bytes) {
   in.next();
   if (!in.next() || in.line.empty()) return read_error::model_parameters();
-  const int p = tarn_atoi(in.line.c_str());
+  const int p = leading_int(in.line.c_str());
   const char* tab = std::strchr(in.line.c_str(), '\t');
   if (tab == nullptr) return read_error::model_parameters();
-  const int k = tarn_atoi(tab + 1);
+  const int k = leading_int(tab + 1);
   if (p < 0 || k < 0) return read_error::model_parameters();
   // The model, and the least that applying it takes (one state of the
   // filter's tables and the scratch), must fit before anything is allocated.

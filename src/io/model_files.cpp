@@ -20,7 +20,7 @@ void use_filter_output_as_module(const Workspace& work, CanonicalModel* canonica
 
 }  // namespace
 
-Status write_states(const StateSpaceModel& model, const SSMData& data, StateWriter* writer,
+Status write_states(const StateSpaceModel& model, const DataSet& data, StateWriter* writer,
                     Trajectory* trajectory, Workspace* work) {
   if (!writer->wants_states()) return {};
   for (int r = 0; r < data.n_replicates; ++r) {
@@ -31,7 +31,7 @@ Status write_states(const StateSpaceModel& model, const SSMData& data, StateWrit
   return {};
 }
 
-Status write_result_set(const Estimate& result, int set, const SSMData& data,
+Status write_result_set(const Estimate& result, int set, const DataSet& data,
                         const OutputOptions& options, Trajectory* trajectory, Workspace* work) {
   CanonicalModel canonical = to_canonical_form(*result.model, work);
   const SetFiles files{&options, canonical.model.k(), set};

@@ -14,12 +14,12 @@ namespace tarn {
 // trajectory and work, under the canonical model. Every file of the set is
 // put in place, or none (the files shared by all sets aside); the error
 // returned holds the line to print.
-Status write_result_set(const Estimate& result, int set, const SSMData& data,
+Status write_result_set(const Estimate& result, int set, const DataSet& data,
                         const OutputOptions& options, Trajectory* trajectory, Workspace* work);
 
 // The filter and smoother per replicate of data under model, each trajectory
 // handed to writer; after writer.begin(), before writer.finish().
-Status write_states(const StateSpaceModel& model, const SSMData& data, StateWriter* writer,
+Status write_states(const StateSpaceModel& model, const DataSet& data, StateWriter* writer,
                     Trajectory* trajectory, Workspace* work);
 
 }  // namespace tarn

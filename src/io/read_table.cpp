@@ -282,7 +282,7 @@ struct TableReader {
     return {};
   }
 
-  std::vector<std::string> doubts(const SSMData& data, const Tally& repeated_pairs) const {
+  std::vector<std::string> doubts(const DataSet& data, const Tally& repeated_pairs) const {
     std::vector<std::string> out;
     if (empty_cells.count > 0) {
       out.push_back(counted(empty_cells.count, "empty cell takes", "empty cells take") +
@@ -324,8 +324,8 @@ struct TableReader {
     return out;
   }
 
-  Result<std::unique_ptr<SSMData>> finish(const ReadBudget& budget) const {
-    auto data = std::make_unique<SSMData>();
+  Result<std::unique_ptr<DataSet>> finish(const ReadBudget& budget) const {
+    auto data = std::make_unique<DataSet>();
     data->p = rows;
     data->n_replicates = static_cast<int>(distinct_labels.size());
     data->n_samples = static_cast<int>(time_labels.size());
@@ -396,7 +396,7 @@ struct TableReader {
 
 }  // namespace
 
-Result<std::unique_ptr<SSMData>> read_table(std::FILE* fp, std::FILE* log,
+Result<std::unique_ptr<DataSet>> read_table(std::FILE* fp, std::FILE* log,
                                             const ReadBudget& budget) {
   TableReader reader(log);
   std::string text;
@@ -407,7 +407,7 @@ Result<std::unique_ptr<SSMData>> read_table(std::FILE* fp, std::FILE* log,
   return reader.finish(budget);
 }
 
-Result<std::unique_ptr<SSMData>> read_table_file(const char* file_name, std::FILE* log,
+Result<std::unique_ptr<DataSet>> read_table_file(const char* file_name, std::FILE* log,
                                                  const ReadBudget& budget) {
   if (file_name == nullptr) {
     std::fprintf(log, "Reading input data from the standard input.\n");
@@ -416,12 +416,12 @@ Result<std::unique_ptr<SSMData>> read_table_file(const char* file_name, std::FIL
   std::fprintf(log, "Reading input data file: %s\n", file_name);
   std::FILE* fp = std::fopen(file_name, "r");
   if (fp == nullptr) return read_error::cannot_open(file_name);
-  Result<std::unique_ptr<SSMData>> table = read_table(fp, log, budget);
+  Result<std::unique_ptr<DataSet>> table = read_table(fp, log, budget);
   std::fclose(fp);
   return table;
 }
 
-void print_table_summary(const SSMData& data, std::FILE* log) {
+void print_table_summary(const DataSet& data, std::FILE* log) {
   std::fprintf(log, "--- INPUT DATA ---------\n");
   std::fprintf(log, " observed samples = %d\n", data.n_samples);
   std::fprintf(log, " objects = %d\n", data.p);
@@ -430,12 +430,12 @@ void print_table_summary(const SSMData& data, std::FILE* log) {
   std::fprintf(log, "------------------------\n");
 }
 
-Status check_samples(const SSMData& data) {
+Status check_samples(const DataSet& data) {
   if (data.p < 1 || data.n_samples < 1) return read_error::no_samples();
   return {};
 }
 
-std::string object_label(const SSMData& data, int i) {
+std::string object_label(const DataSet& data, int i) {
   const auto at = static_cast<std::size_t>(i);
   if (at >= data.names.size() || at >= data.lines.size()) return "object " + std::to_string(i + 1);
   return "\"" + data.names[at] + "\" (line " + std::to_string(data.lines[at]) + ")";

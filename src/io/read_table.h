@@ -23,21 +23,21 @@ struct ReadBudget {
 // Reads the table from fp, which is left open. Meta-data lines are reported on
 // the log as they are read. Fails on malformed input, and on a time grid that
 // does not fit the budget, before allocating it.
-Result<std::unique_ptr<SSMData>> read_table(std::FILE* fp, std::FILE* log,
+Result<std::unique_ptr<DataSet>> read_table(std::FILE* fp, std::FILE* log,
                                             const ReadBudget& budget = {});
 
 // Names the input on the log and reads it from the named file, or from
 // standard input for null.
-Result<std::unique_ptr<SSMData>> read_table_file(const char* file_name, std::FILE* log,
+Result<std::unique_ptr<DataSet>> read_table_file(const char* file_name, std::FILE* log,
                                                  const ReadBudget& budget = {});
 
 // Writes the "--- INPUT DATA ---" report to the log.
-void print_table_summary(const SSMData& data, std::FILE* log);
+void print_table_summary(const DataSet& data, std::FILE* log);
 
 // Fails when the table has no object or no sample to work on.
-Status check_samples(const SSMData& data);
+Status check_samples(const DataSet& data);
 
 // "name (line n)" of object i, for messages.
-std::string object_label(const SSMData& data, int i);
+std::string object_label(const DataSet& data, int i);
 
 }  // namespace tarn

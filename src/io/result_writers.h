@@ -65,7 +65,7 @@ Status write_result_files(const Estimate& result, const CanonicalModel& canonica
 // shared file put in place at once.
 class StateWriter {
  public:
-  StateWriter(const StateSpaceModel& model, const SSMData& data, const SetFiles& files,
+  StateWriter(const StateSpaceModel& model, const DataSet& data, const SetFiles& files,
               StagedSet* staged);
 
   Status begin();
@@ -78,7 +78,7 @@ class StateWriter {
   Status write_each(int r, const Trajectory& trajectory);
 
   const StateSpaceModel& model_;
-  const SSMData& data_;
+  const DataSet& data_;
   SetFiles files_;
   StagedSet* staged_;
   OutputFile combined_;

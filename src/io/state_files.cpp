@@ -22,7 +22,7 @@ void image_through_H(const StateSpaceModel& model, const double* x, double* e) {
 }
 
 // The p fields of replicate r at time index t: values, or "NAN" where missing.
-void put_observed_row(std::FILE* fp, const SSMData& data, int r, int t) {
+void put_observed_row(std::FILE* fp, const DataSet& data, int r, int t) {
   const int p = data.p;
   const int s = data.sample_at[static_cast<std::size_t>(r)][t];
   const int* m = s == -1 ? nullptr : data.missing[static_cast<std::size_t>(s)];
@@ -71,7 +71,7 @@ Status cannot_open(const std::string& name, bool error_prefix) {
 
 }  // namespace
 
-StateWriter::StateWriter(const StateSpaceModel& model, const SSMData& data, const SetFiles& files,
+StateWriter::StateWriter(const StateSpaceModel& model, const DataSet& data, const SetFiles& files,
                          StagedSet* staged)
     : model_(model),
       data_(data),

@@ -18,7 +18,7 @@ namespace {
 // One filter and smoother sweep over the replicates under the stored model,
 // accumulating w Xs[0] in the smoother's state_difference, so that each
 // replicate's sweep leaves Xs[1] - Xp[0] there before the addition.
-void estimate_initial_state(std::FILE* log, const SSMData& data, Trajectory* state, Workspace* work,
+void estimate_initial_state(std::FILE* log, const DataSet& data, Trajectory* state, Workspace* work,
                             StateSpaceModel* ssm) {
   std::fprintf(log,
                "Applying Kalman filter and smoother for estimating the initial state variable.\n");
@@ -37,7 +37,7 @@ void estimate_initial_state(std::FILE* log, const SSMData& data, Trajectory* sta
 
 // The filter's tables over every time point and its scratch must fit in the
 // memory the run may use before they are allocated.
-Status check_memory(int p, int k, const SSMData& data) {
+Status check_memory(int p, int k, const DataSet& data) {
   const double need = trajectory_bytes(k, data.T) + workspace_bytes(p, k, false) +
                       2.0 * model_bytes(p, k) + 8.0 * static_cast<double>(data.Y.size());
   const double limit = memory_limit_bytes();
@@ -49,7 +49,7 @@ Status check_memory(int p, int k, const SSMData& data) {
 }
 
 // The model read must fit the data and the memory before anything is run.
-Status check_fit(const StoredModel& model, const SSMData& data, std::FILE* log) {
+Status check_fit(const StoredModel& model, const DataSet& data, std::FILE* log) {
   if (model.p != data.p) {
     return Status::error("ERROR: Number of objects inconsistent.\n     :  input data: " +
                          std::to_string(data.p) + "  vs  input SSM: " + std::to_string(model.p));
@@ -65,7 +65,7 @@ Status check_fit(const StoredModel& model, const SSMData& data, std::FILE* log) 
 
 }  // namespace
 
-Status apply_stored_model(const char* model_file, const SSMData& data, bool update_mu, int id,
+Status apply_stored_model(const char* model_file, const DataSet& data, bool update_mu, int id,
                           const OutputOptions& options) {
   std::FILE* log = options.log;
   std::fprintf(log, "Reading the SSM model parameters from the file: %s\n", model_file);

@@ -13,7 +13,7 @@ namespace tarn {
 // the error of a model file that cannot be read or used or does not fit the
 // data, of a table without samples, of a job too large for the memory, or of
 // a file that cannot be written.
-Status apply_stored_model(const char* model_file, const SSMData& data, bool update_mu, int id,
+Status apply_stored_model(const char* model_file, const DataSet& data, bool update_mu, int id,
                           const OutputOptions& options);
 
 }  // namespace tarn

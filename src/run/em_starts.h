@@ -16,7 +16,7 @@ namespace tarn {
 struct StartContext {
   const EmSettings& em;
   const InitialModelSettings& init;
-  const SSMData& data;
+  const DataSet& data;
   std::FILE* log;
   StartGuard* guard;
   bool show_initial_model;  // -v: print each random model (single and array modes)

@@ -15,7 +15,7 @@ namespace tarn {
 struct RunContext {
   const RunSettings& settings;
   const Job& job;
-  const SSMData& data;
+  const DataSet& data;
   std::FILE* log;
 };
 

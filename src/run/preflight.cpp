@@ -25,12 +25,12 @@ bool unlimited_retries(const RunSettings& settings) {
 
 // Records of one estimating thread: two models, the tables over time, two
 // sets of sums and the scratch, all for dimension k.
-double records_bytes(const SSMData& data, int k, int constrain_F) {
+double records_bytes(const DataSet& data, int k, int constrain_F) {
   return 2.0 * model_bytes(data.p, k) + trajectory_bytes(k, data.T) +
          2.0 * sufficient_stats_bytes(data.p, k) + workspace_bytes(data.p, k, constrain_F != 0);
 }
 
-double data_bytes(const SSMData& data) {
+double data_bytes(const DataSet& data) {
   return 8.0 * static_cast<double>(data.Y.size()) +
          4.0 * static_cast<double>(data.missing_block.size() + data.sample_at_block.size());
 }
@@ -55,7 +55,7 @@ bool mode_records(const RunSettings& settings, int* k, double* threads) {
 }
 
 // The records the mode allocates, or 0 when it allocates none.
-double mode_bytes(const RunSettings& settings, const SSMData& data) {
+double mode_bytes(const RunSettings& settings, const DataSet& data) {
   int k = 0;
   double threads = 1.0;
   if (!mode_records(settings, &k, &threads)) return 0.0;
@@ -96,7 +96,7 @@ double bytes_per_time_point(const RunSettings& settings) {
   return threads * (trajectory_bytes(k, 1) - trajectory_bytes(k, 0));
 }
 
-Findings check_table(const RunSettings& settings, const SSMData& data) {
+Findings check_table(const RunSettings& settings, const DataSet& data) {
   Findings found;
   for (const std::string& doubt : data.doubts) {
     if (found.failed) break;
@@ -108,7 +108,7 @@ Findings check_table(const RunSettings& settings, const SSMData& data) {
   return found;
 }
 
-Findings check_objects(const RunSettings& settings, const SSMData& data) {
+Findings check_objects(const RunSettings& settings, const DataSet& data) {
   Findings found;
   if (data.p < 1 || data.n_samples < 1) return found;  // the mode refuses such a table
   std::vector<double> R(static_cast<std::size_t>(data.p));
@@ -145,7 +145,7 @@ Findings claim_result_sets(const RunSettings& settings, std::span<const SetId> s
   return found;
 }
 
-Findings check_memory(const RunSettings& settings, const SSMData& data) {
+Findings check_memory(const RunSettings& settings, const DataSet& data) {
   Findings found;
   if (settings.model_file || data.p < 1 || data.n_samples < 1) return found;
   const double records = mode_bytes(settings, data);

@@ -35,11 +35,11 @@ double bytes_per_time_point(const RunSettings& settings);
 // The table as read, before the mean shift: what the reader read in doubt
 // (errors under --strict), and cells no start can work with (errors under
 // unlimited retries).
-Findings check_table(const RunSettings& settings, const SSMData& data);
+Findings check_table(const RunSettings& settings, const DataSet& data);
 
 // The centred table: objects without a positive, finite initial R, on which
 // every start fails (errors under unlimited retries).
-Findings check_objects(const RunSettings& settings, const SSMData& data);
+Findings check_objects(const RunSettings& settings, const DataSet& data);
 
 // The output folder takes files, and no other run writes one of the sets:
 // locks on them are added to held.
@@ -49,6 +49,6 @@ Findings claim_result_sets(const RunSettings& settings, std::span<const SetId> s
 // The memory the mode will allocate for its records, against the memory the
 // run may use. Applies to every estimation mode that allocates them, also
 // when it then estimates no set.
-Findings check_memory(const RunSettings& settings, const SSMData& data);
+Findings check_memory(const RunSettings& settings, const DataSet& data);
 
 }  // namespace tarn

@@ -10,7 +10,7 @@
 namespace tarn {
 
 struct EstimationRecords {
-  EstimationRecords(const SSMData* data, int k, int constrain_F);
+  EstimationRecords(const DataSet* data, int k, int constrain_F);
   // The model a start works on, and the best so far; the restarts of a set
   // swap their roles.
   std::unique_ptr<StateSpaceModel> working;

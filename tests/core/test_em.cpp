@@ -18,8 +18,8 @@ using namespace dense_ref;
 namespace {
 
 // The data set in the reader's layout, pointing into d.
-std::unique_ptr<SSMData> to_data(const Data& d) {
-  auto data = std::make_unique<SSMData>();
+std::unique_ptr<DataSet> to_data(const Data& d) {
+  auto data = std::make_unique<DataSet>();
   data->Y = d.Y;
   data->n_samples = d.n_samples;
   data->p = d.p;

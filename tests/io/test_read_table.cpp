@@ -19,7 +19,7 @@ using namespace tarn;  // NOLINT(google-build-using-namespace)
 namespace {
 
 // read_table on text; *log gets what the reader wrote to the log.
-Result<std::unique_ptr<SSMData>> read_text(std::string text, std::string* log = nullptr,
+Result<std::unique_ptr<DataSet>> read_text(std::string text, std::string* log = nullptr,
                                            const ReadBudget& budget = {}) {
   text += '\0';  // a buffer to open also for empty text; the NUL is not read
   std::FILE* in = fmemopen(text.data(), text.size() - 1, "r");
@@ -90,7 +90,7 @@ TEST(ReadTable, TablesAndTheirLayout) {
     std::string log;
     const auto table = read_text(c.text, &log);
     ASSERT_TRUE(table.ok()) << table.status().message();
-    const SSMData& d = *table.value();
+    const DataSet& d = *table.value();
     std::ostringstream o;
     o << "at=";
     for (int r = 0; r < d.n_replicates; ++r)
