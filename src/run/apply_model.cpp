@@ -7,8 +7,8 @@
 #include "core/kalman.h"
 #include "io/memory_budget.h"
 #include "io/model_file.h"
-#include "io/model_files.h"
 #include "io/read_table.h"
+#include "io/result_set.h"
 #include "linalg/blas.h"
 
 namespace tarn {

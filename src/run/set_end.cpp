@@ -1,6 +1,6 @@
 #include "run/set_end.h"
 
-#include "io/model_files.h"
+#include "io/result_set.h"
 
 namespace tarn {
 

@@ -1,4 +1,4 @@
-#include "io/model_files.h"
+#include "io/result_set.h"
 
 #include <algorithm>
 
