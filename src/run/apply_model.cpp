@@ -10,6 +10,7 @@
 #include "io/read_table.h"
 #include "io/result_set.h"
 #include "linalg/blas.h"
+#include "run/job.h"
 
 namespace tarn {
 
@@ -56,9 +57,7 @@ Status check_fit(const StoredModel& model, const DataSet& data, std::FILE* log) 
   }
   print_table_summary(data, log);
   if (Status samples = check_samples(data); !samples.ok()) return samples;
-  if (model.k < 1) {
-    return Status::error("ERROR: State dimension must be 1 or more: " + std::to_string(model.k));
-  }
+  if (Status dims = require_dimensions(std::span(&model.k, 1)); !dims.ok()) return dims;
   if (Status usable = check_usable(model); !usable.ok()) return usable;
   return check_memory(model.p, model.k, data);
 }
