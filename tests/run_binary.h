@@ -1,12 +1,13 @@
 #pragma once
 // Runs the real tarnssm binary in a scratch directory and captures what it
-// printed and how it ended; text in files and in temporary streams.
+// printed and how it ended; text in files, in temporary streams and in lines.
 
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -28,6 +29,15 @@ inline std::string read_text(const std::filesystem::path& path) {
   std::stringstream ss;
   ss << std::ifstream(path, std::ios::binary).rdbuf();
   return ss.str();
+}
+
+inline std::vector<std::string> split(const std::string& s, char sep) {
+  std::vector<std::string> parts;
+  std::size_t from = 0;
+  for (std::size_t at; (at = s.find(sep, from)) != std::string::npos; from = at + 1)
+    parts.push_back(s.substr(from, at - from));
+  parts.push_back(s.substr(from));
+  return parts;
 }
 
 inline void write_text(const std::filesystem::path& path, const std::string& text) {
@@ -57,10 +67,7 @@ class ScratchDir {
     std::string templ = (std::filesystem::temp_directory_path() / "tarn_test_XXXXXX").string();
     path_ = mkdtemp(templ.data());
   }
-  ~ScratchDir() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-  }
+  ~ScratchDir() { std::filesystem::remove_all(path_, ec_); }
   ScratchDir(const ScratchDir&) = delete;
   ScratchDir& operator=(const ScratchDir&) = delete;
   const std::filesystem::path& path() const { return path_; }
@@ -68,15 +75,18 @@ class ScratchDir {
 
  private:
   std::filesystem::path path_;
+  std::error_code ec_;
 };
 
 // Runs TARNSSM_BIN with args in dir; stdin_text is fed to standard input. A
 // limit on the address space (none under AddressSanitizer, whose shadow
-// memory needs terabytes) turns runaway memory into "ERROR: Out of memory.".
-// The three streams pass through files in dir that are gone when it returns.
+// memory needs terabytes) turns runaway memory into "ERROR: Out of memory.";
+// one on file_bytes makes writes fail with EFBIG (SIGXFSZ ignored). The three
+// streams pass through files in dir that are gone when it returns.
 inline RunResult run_tarnssm(const std::vector<std::string>& args, const std::filesystem::path& dir,
                              const std::string& stdin_text = "",
-                             rlim_t address_space = RLIM_INFINITY) {
+                             rlim_t address_space = RLIM_INFINITY,
+                             rlim_t file_bytes = RLIM_INFINITY) {
   const std::filesystem::path io[3] = {dir / ".stdin", dir / ".stdout", dir / ".stderr"};
   write_text(io[0], stdin_text);
   std::vector<std::string> words{TARNSSM_BIN};
@@ -93,6 +103,9 @@ inline RunResult run_tarnssm(const std::vector<std::string>& args, const std::fi
     }
     const rlimit as{address_space, address_space};
     if (!TARN_TEST_ASAN) setrlimit(RLIMIT_AS, &as);
+    const rlimit fsize{file_bytes, file_bytes};
+    if (file_bytes != RLIM_INFINITY && setrlimit(RLIMIT_FSIZE, &fsize) == 0)
+      std::signal(SIGXFSZ, SIG_IGN);
     execv(argv[0], argv.data());
     _exit(127);
   }

@@ -134,11 +134,10 @@ TEST(MStep, OnePassMatchesClosedForm) {
     for (const Case& c : cases) {
       SCOPED_TRACE(testing::Message() << "p=" << p << " k=" << k << " update_mu=" << c.update_mu
                                       << " common_R=" << c.common_R << " g=" << c.g);
-      EmSettings em;
-      em.update_mu = c.update_mu;
-      em.common_R = c.common_R;
-      em.constrain_F = c.constrain_F;
-      em.constrain_Fg = c.g;
+      const EmSettings em{.common_R = c.common_R,
+                          .update_mu = c.update_mu,
+                          .constrain_F = c.constrain_F,
+                          .constrain_Fg = c.g};
       EmBuffers buffers(p, k, d.T, c.constrain_F != 0);
       if (c.constrain_F != 0) prepare_F_constraint(&buffers.workspace, k);
       auto ssm = to_ssm(m);
@@ -170,11 +169,7 @@ TEST(EM, LikelihoodNeverFallsAndTheLoopStopsAsSet) {
   auto data = to_data(d);
   EmBuffers buffers(p, k, d.T, true);
   prepare_F_constraint(&buffers.workspace, k);
-  EmSettings em;
-  em.constrain_F = 0;
-  em.em_loop = 30;
-  em.converge = 0.0;
-  em.verbose = 2;
+  const EmSettings em{.converge = 0.0, .em_loop = 30, .constrain_F = 0, .verbose = 2};
   std::FILE* log = std::tmpfile();
   Estimate res = run_em(em, *data, to_ssm(m).get(), &buffers, log);
   EXPECT_TRUE(res.loops == 30 && !res.converged && res.monotone);
@@ -197,24 +192,21 @@ TEST(EM, LikelihoodNeverFallsAndTheLoopStopsAsSet) {
     int constrain_F, abs_converge, loops;
     bool converged, monotone;
   };
-  em.verbose = 0;
-  em.constrain_Fg = 5.0;  // far outside the stable range
   for (const Stop& s :
        {Stop{1, 1e-5, false, 0, 1, 1, false, true}, Stop{40000, 1e300, false, 0, 1, 2, true, true},
         Stop{40000, 1e-5, true, 0, 1, 4002, false, true}, Stop{0, 1e-5, true, 0, 1, 2, false, true},
         Stop{3, 0.0, false, 1, 0, 2, true, false}, Stop{3, 0.0, false, 1, 1, 3, false, true}}) {
     SCOPED_TRACE(testing::Message() << "em_loop " << s.em_loop << " F " << s.constrain_F);
-    em.em_loop = s.em_loop;
-    em.converge = s.converge;
-    em.constrain_F = s.constrain_F;
-    em.abs_converge = s.abs_converge;
+    const EmSettings stop{.converge = s.converge,
+                          .em_loop = s.em_loop,
+                          .abs_converge = s.abs_converge,
+                          .constrain_F = s.constrain_F,
+                          .constrain_Fg = 5.0};  // far outside the stable range
     data->Y[0] = s.nan_cell ? std::numeric_limits<double>::quiet_NaN() : d.Y[0];
     auto ssm = to_ssm(m);
-    res = run_em(em, *data, ssm.get(), &buffers, stderr);
+    res = run_em(stop, *data, ssm.get(), &buffers, stderr);
     EXPECT_EQ(res.loops, s.loops);
     EXPECT_TRUE(res.converged == s.converged && res.monotone == s.monotone);
-    if (s.em_loop == 1) {
-      EXPECT_TRUE(same_bits(ssm->H.data(), m.H.a.data(), p * k));
-    }
+    if (s.em_loop == 1) EXPECT_TRUE(same_bits(ssm->H.data(), m.H.a.data(), p * k));
   }
 }

@@ -27,12 +27,12 @@ struct Case {
 
 std::vector<Case> read_cases() {
   std::vector<Case> cases;
-  std::istringstream lines(tarn_test::read_text(kGolden / "cases.tsv"));
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream fields(line);
-    Case c;
-    std::getline(std::getline(std::getline(fields, c.name, '\t'), c.args, '\t'), c.stdin_file);
-    if (!line.empty() && line[0] != '#') cases.push_back(c);
+  for (const std::string& line :
+       tarn_test::split(tarn_test::read_text(kGolden / "cases.tsv"), '\n')) {
+    if (line.empty() || line[0] == '#') continue;
+    auto fields = tarn_test::split(line, '\t');
+    fields.resize(3);
+    cases.push_back({fields[0], fields[1], fields[2]});
   }
   return cases;
 }
@@ -85,31 +85,28 @@ void expect_same_content(const fs::path& got, const fs::path& want) {
   EXPECT_FALSE(a >> x) << got << ": longer than recorded";
 }
 
-// The run's log against logs/file_NAME.log, its files against files/NAME.
-void expect_matches_golden(const std::string& name, const std::vector<std::string>& args) {
-  tarn_test::ScratchDir dir;
-  expect_golden_log("file_" + name, record_run(args, dir.path()));
-  for (const auto& e : fs::directory_iterator(kGolden / "files" / name))
-    expect_same_content(dir / e.path().filename(), e.path());
-}
-
-TEST(Golden, SingleModeOnSimulatedExpression) {
-  expect_matches_golden("sim", {"-n", "3", "-l", "200", "-o", "sim", kData + "sim-expression.txt"});
-}
-
-TEST(Golden, EachLayoutOnInvestmentPanel) {
-  expect_matches_golden("grunfeld", {"-d", "2", "-n", "2", "-l", "100", "--each", "on", "-o",
-                                     "grun", kData + "grunfeld-11firms.txt"});
-}
-
-TEST(Golden, StoredModelApplied) {
-  expect_matches_golden("apply", {"--ssm", kData + "sim-expression-true-model.txt", "-o", "apply",
-                                  kData + "sim-expression.txt"});
-}
-
-TEST(Golden, ResultFilesWithoutStatesOnMacroPanel) {
-  expect_matches_golden("macro", {"-d", "3", "-n", "2", "-l", "100", "--state", "off", "-o",
-                                  "macro", kData + "us-macro-growth-4rep.txt"});
+// The run's log against logs/file_NAME.log, its files against files/NAME:
+// single mode, every layout of --each, a stored model applied, and a set
+// without state files.
+TEST(Golden, WholeRunsWriteTheRecordedFiles) {
+  const std::pair<std::string, std::vector<std::string>> runs[] = {
+      {"sim", {"-n", "3", "-l", "200", "-o", "sim", kData + "sim-expression.txt"}},
+      {"grunfeld",
+       {"-d", "2", "-n", "2", "-l", "100", "--each", "on", "-o", "grun",
+        kData + "grunfeld-11firms.txt"}},
+      {"apply",
+       {"--ssm", kData + "sim-expression-true-model.txt", "-o", "apply",
+        kData + "sim-expression.txt"}},
+      {"macro",
+       {"-d", "3", "-n", "2", "-l", "100", "--state", "off", "-o", "macro",
+        kData + "us-macro-growth-4rep.txt"}}};
+  for (const auto& [name, args] : runs) {
+    SCOPED_TRACE(name);
+    tarn_test::ScratchDir dir;
+    expect_golden_log("file_" + name, record_run(args, dir.path()));
+    for (const auto& e : fs::directory_iterator(kGolden / "files" / name))
+      expect_same_content(dir / e.path().filename(), e.path());
+  }
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #pragma once
 // Reading back what tarnssm wrote: the input table centred per replicate by a
-// reader of our own, the combined state-variable file, a check of its rows
-// against the textbook filter and smoother, and the error lines of a log.
+// reader of our own, the combined state-variable file and a check of its rows
+// against the textbook filter and smoother.
 
 #include <gtest/gtest.h>
 
@@ -27,14 +27,7 @@ using Rows = std::vector<std::vector<std::string>>;
 
 inline const std::string kSim = TARN_EXAMPLES_DIR "/data/sim-expression.txt";
 
-inline std::vector<std::string> split(const std::string& s, char sep) {
-  std::vector<std::string> parts;
-  std::size_t from = 0;
-  for (std::size_t at; (at = s.find(sep, from)) != std::string::npos; from = at + 1)
-    parts.push_back(s.substr(from, at - from));
-  parts.push_back(s.substr(from));
-  return parts;
-}
+using tarn_test::split;
 
 inline double num(const std::string& s) {
   return std::strtod(s.c_str(), nullptr);
@@ -51,30 +44,19 @@ inline std::set<std::string> files_in(const std::filesystem::path& dir) {
   return names;
 }
 
-// Lines of a log that begin with "ERROR: ".
-inline int error_lines(const std::string& log) {
-  int n = 0;
-  for (const std::string& line : split(log, '\n')) n += line.starts_with("ERROR: ") ? 1 : 0;
-  return n;
-}
-
 // A data file whose replicates are labelled 1..n, each object centred over
 // its observed values within each replicate.
 inline dense_ref::Data read_centred(const std::string& path) {
-  std::map<std::string, std::vector<int>> labels;
+  std::map<std::string, std::vector<double>> labels;
   std::vector<std::vector<double>> rows;
   for (const std::string& line : split(tarn_test::read_text(path), '\n')) {
     if (line.empty() || line[0] == '#') continue;
     const auto cells = split(line, '\t');
-    if (cells[0][0] != '@') rows.emplace_back();
-    for (std::size_t c = 1; c < cells.size(); ++c) {
-      if (cells[0][0] == '@')
-        labels[cells[0]].push_back(std::stoi(cells[c]));
-      else
-        rows.back().push_back(num(cells[c]));
-    }
+    auto& values = cells[0][0] == '@' ? labels[cells[0]] : rows.emplace_back();
+    for (std::size_t c = 1; c < cells.size(); ++c) values.push_back(num(cells[c]));
   }
-  const auto &time = labels["@time"], &rep = labels["@replicate"];
+  const std::vector<int> time(labels["@time"].begin(), labels["@time"].end());
+  const std::vector<int> rep(labels["@replicate"].begin(), labels["@replicate"].end());
   dense_ref::Data d;
   d.p = static_cast<int>(rows.size());
   d.n_samples = static_cast<int>(time.size());
@@ -86,10 +68,8 @@ inline dense_ref::Data read_centred(const std::string& path) {
   for (int s = 0; s < d.n_samples; ++s) {
     d.sample_at[rep[s] - 1][time[s] - 1] = s;
     for (int i = 0; i < d.p; ++i) {
-      if (std::isnan(rows[i][s]))
-        d.lists[s].push_back(i);
-      else
-        d.Y[i + s * d.p] = rows[i][s];
+      if (std::isnan(rows[i][s])) d.lists[s].push_back(i);
+      d.Y[i + s * d.p] = std::isnan(rows[i][s]) ? 0.0 : rows[i][s];
     }
     d.lists[s].push_back(-1);
     d.missing.push_back(d.lists[s].data());
