@@ -207,6 +207,8 @@ TEST(EM, LikelihoodNeverFallsAndTheLoopStopsAsSet) {
     res = run_em(stop, *data, ssm.get(), &buffers, stderr);
     EXPECT_EQ(res.loops, s.loops);
     EXPECT_TRUE(res.converged == s.converged && res.monotone == s.monotone);
-    if (s.em_loop == 1) EXPECT_TRUE(same_bits(ssm->H.data(), m.H.a.data(), p * k));
+    if (s.em_loop == 1) {
+      EXPECT_TRUE(same_bits(ssm->H.data(), m.H.a.data(), p * k));
+    }
   }
 }
