@@ -27,9 +27,11 @@ TEST(RandomStream, RawValuesUniformsAndGaussiansOfOneSequence) {
   g.gaussian({&x, 1}, 0.0, 1.0);
   EXPECT_NEAR(x, -5.5079, 1e-4);
   EXPECT_EQ(g.next_raw(), raw[1]);
-  // An empty range draws nothing: the F of an initial model keeps its values.
+  // An empty range or no spread draws nothing: the values stay as they were.
   g.uniform({&x, 1}, 0.5, 0.5);
+  g.gaussian({&x, 1}, 0.5, 0.0);
   EXPECT_EQ(g.next_raw(), raw[1]);
+  EXPECT_NEAR(x, -5.5079, 1e-4);
   for (std::uint32_t seed : {0u, 2147483647u, 4294967295u})
     EXPECT_EQ(RandomStream(seed).next_raw(), 1u);
 }
