@@ -17,7 +17,8 @@ for f in bin/tarnssm bin/tarnssm-summary share/man/man1/tarnssm.1 share/man/man1
   [ -f "$prefix/$f" ] || fail "$f is not installed"
 done
 # The help goes to standard error, with status 0.
-"$prefix/bin/tarnssm" -h 2>&1 > /dev/null | grep -q -- '--constrain-Fg X | -g X' || fail "tarnssm -h prints no help"
+help=$("$prefix/bin/tarnssm" -h 2>&1 > /dev/null) || fail "tarnssm -h exits with $?"
+grep -q -- '--constrain-Fg X | -g X' <<< "$help" || fail "tarnssm -h prints no help"
 
 # A tiny run and its summary, from the installed copies.
 if /usr/bin/python3 -c 'import matplotlib' 2> /dev/null; then
