@@ -1,8 +1,13 @@
 // One EM pass (E-step and M-step) for k = 4, T = 20, 3 replicates, and where
 // its time goes: filter, smoother, the E-step sums, the M-step. BM_em_pass_T60
-// is the pass in the shape of the speed targets: T = 60, one replicate.
+// is the pass in the shape of the speed targets: T = 60, one replicate, with
+// its time as a multiple of the two products with the data that bound a pass
+// from below (counter x_products); BM_two_products_T60 times those alone.
 
 #include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
 
 #include "bench_support.h"
 #include "core/em.h"
@@ -63,9 +68,58 @@ void BM_em_pass(benchmark::State& st) {
   run_em_pass(st, f);
 }
 
+// The O(p k) floor of a pass: H' R^-1 Y (k x samples) and Y X' (p x k), as
+// two calls of dgemm on the data matrix.
+struct TwoProducts {
+  explicit TwoProducts(const DataSet& data)
+      : p(data.p), n(data.n_samples), Y(data.Y), RinvH(p, kK), X(kK, n), HtY(kK, n), YX(p, kK) {
+    const auto model = tarn_bench::make_model(p, kK);
+    for (int j = 0; j < kK; ++j)
+      for (int i = 0; i < p; ++i) RinvH(i, j) = model->H(i, j) / model->R[i];
+    for (int t = 0; t < n; ++t)
+      for (int j = 0; j < kK; ++j) X(j, t) = 0.01 * (j + 1) * t;
+  }
+  void run() {
+    dgemm_("T", "N", &kK, &n, &p, &blas::kOne, RinvH.data(), &p, Y.data(), &p, &blas::kZero,
+           HtY.data(), &kK);
+    dgemm_("N", "T", &p, &kK, &n, &blas::kOne, Y.data(), &p, X.data(), &kK, &blas::kZero, YX.data(),
+           &p);
+  }
+  // The best time of one run() in seconds, over enough runs to take 20 ms.
+  double best_seconds() {
+    double best = 1e300;
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
+    do {
+      const auto start = std::chrono::steady_clock::now();
+      run();
+      best = std::min(
+          best, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    } while (std::chrono::steady_clock::now() < until);
+    return best;
+  }
+  int p;
+  int n;
+  std::vector<double> Y;
+  Matrix RinvH, X, HtY, YX;
+};
+
 void BM_em_pass_T60(benchmark::State& st) {
   EmFixture f(static_cast<int>(st.range(0)), 60, 1);
+  const double products = TwoProducts(*f.data).best_seconds();
   run_em_pass(st, f);
+  // Elapsed time over (iterations x products): the pass as a multiple of them.
+  st.counters["x_products"] =
+      benchmark::Counter(products * static_cast<double>(st.iterations()),
+                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+void BM_two_products_T60(benchmark::State& st) {
+  const auto data = tarn_bench::make_data(static_cast<int>(st.range(0)), 60, 1);
+  TwoProducts products(*data);
+  for (auto _ : st) {
+    products.run();
+    benchmark::DoNotOptimize(products.YX.data());
+  }
 }
 
 void BM_em_filter(benchmark::State& st) {
@@ -106,6 +160,12 @@ void BM_em_m_step(benchmark::State& st) {
 
 BENCHMARK(BM_em_pass)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_em_pass_T60)
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_two_products_T60)
     ->Arg(100)
     ->Arg(1000)
     ->Arg(10000)
