@@ -6,7 +6,6 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <new>
 
 #include "cli/args.h"

@@ -12,8 +12,7 @@ namespace tarn {
 
 // The series of one replicate: the column of Y for each time point, or -1.
 struct ReplicateView {
-  const double* Y;  // p x n_samples, column-major; missing cells hold 0.0
-  int p;
+  const double* Y;                 // p x n_samples, column-major; missing cells hold 0.0
   std::span<const int> sample_at;  // T entries
   const int* const* missing;       // per column: the missing rows, ascending, ended by -1
 };
@@ -30,7 +29,7 @@ double run_filter(const StateSpaceModel& model, const ReplicateView& series, Tra
 
 // Rauch-Tung-Striebel pass after run_filter on the same trajectory: fills the
 // smoother gains and the smoothed tables. With T >= 1 it leaves
-// work->state_difference holding smoothed_mean[1] - predicted_mean[0].
+// work->vector_scratch holding smoothed_mean[1] - predicted_mean[0].
 void run_smoother(Trajectory* trajectory, Workspace* work);
 
 }  // namespace tarn

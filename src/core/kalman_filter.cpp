@@ -223,7 +223,7 @@ double filter(const StateSpaceModel& model, const ReplicateView& series, Traject
 }  // namespace
 
 ReplicateView replicate_view(const DataSet& data, int r) {
-  return ReplicateView{data.Y.data(), data.p,
+  return ReplicateView{data.Y.data(),
                        std::span<const int>(data.sample_at[static_cast<std::size_t>(r)],
                                             static_cast<std::size_t>(data.T)),
                        data.missing.data()};

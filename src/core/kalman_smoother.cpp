@@ -12,7 +12,7 @@ void smoother(Trajectory* s, Workspace* w) {
   const int k = dim<K>(s->k);
   const int kk = k * k;
   const int T = s->T;
-  double* difference = w->state_difference.data();
+  double* difference = w->vector_scratch.data();
   double* inner = w->square_a.data();
   double* product = w->square_b.data();
   small::copy(k, s->filtered_mean[T], s->smoothed_mean[T]);

@@ -7,7 +7,7 @@ StateTable::StateTable(int entries, std::size_t width)
   for (std::size_t t = 0; t < at_.size(); ++t) at_[t] = block_.get() + t * width;
 }
 
-Trajectory::Trajectory(int max_k_, int max_T_) : max_k(max_k_), max_T(max_T_) {
+Trajectory::Trajectory(int max_k, int max_T) {
   const std::size_t vec = array_size(max_k);
   const std::size_t mat = array_size(max_k, max_k);
   filtered_mean = StateTable(max_T + 1, vec);

@@ -27,8 +27,6 @@ class StateTable {
 struct Trajectory {
   Trajectory(int max_k, int max_T);
 
-  int max_k;
-  int max_T;
   int k = 0;
   int T = 0;
   StateTable predicted_mean;       // T: F filtered_mean[t], the prediction for t + 1

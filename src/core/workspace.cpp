@@ -23,10 +23,8 @@ int query_gesvd_lwork(int p, int k) {
 
 }  // namespace
 
-Workspace::Workspace(int p_, int max_k_, bool constrain_F)
-    : p(p_),
-      max_k(max_k_),
-      pivots(array_size(max_k)),
+Workspace::Workspace(int p, int max_k, bool constrain_F)
+    : pivots(array_size(max_k)),
       inverse_scratch(max_k, max_k),
       R_inv_H(p, max_k),
       information(max_k, max_k),
@@ -39,7 +37,6 @@ Workspace::Workspace(int p_, int max_k_, bool constrain_F)
       square_a(max_k, max_k),
       square_b(max_k, max_k),
       second_moment(max_k, max_k),
-      state_difference(max_k, 1),
       vector_scratch(max_k, 1),
       // Room for the transpose of a k x k matrix as well, for the update of F when k > p.
       transposed(std::max(p, max_k), max_k),

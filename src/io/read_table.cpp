@@ -14,7 +14,6 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "io/log.h"
 #include "io/memory_budget.h"
 #include "io/read_errors.h"
 #include "io/read_line.h"

@@ -41,10 +41,13 @@ Status write_result_set(const Estimate& result, int set, const DataSet& data,
   if (options.state) {
     StateWriter writer(canonical.model, data, files, &staged);
     Status done = writer.begin();
+    // A combined file that cannot be opened is only a warning: no replicate
+    // is filtered then, and D and L stay those of the canonical form.
+    const bool filtered = done.ok() && writer.wants_states();
     if (done.ok()) done = write_states(canonical.model, data, &writer, trajectory, work);
     if (done.ok()) done = writer.finish();
     if (!done.ok()) return done;
-    use_filter_output_as_module(*work, &canonical);
+    if (filtered) use_filter_output_as_module(*work, &canonical);
   }
   if (Status done = write_result_files(result, canonical, files, &staged); !done.ok()) return done;
   return staged.publish();

@@ -11,7 +11,6 @@
 #include <cstring>
 #include <set>
 
-#include "io/log.h"
 #include "io/output_file.h"
 
 namespace tarn {

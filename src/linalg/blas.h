@@ -19,7 +19,6 @@ void dger_(const int* m, const int* n, const double* alpha, const double* x, con
            const double* y, const int* incy, double* a, const int* lda);
 void daxpy_(const int* n, const double* alpha, const double* x, const int* incx, double* y,
             const int* incy);
-double ddot_(const int* n, const double* x, const int* incx, const double* y, const int* incy);
 void dscal_(const int* n, const double* alpha, double* x, const int* incx);
 void dcopy_(const int* n, const double* x, const int* incx, double* y, const int* incy);
 
@@ -28,8 +27,6 @@ void dgetri_(const int* n, double* a, const int* lda, const int* ipiv, double* w
              const int* lwork, int* info);
 void dgetrs_(const char* trans, const int* n, const int* nrhs, const double* a, const int* lda,
              const int* ipiv, double* b, const int* ldb, int* info, std::size_t trans_len = 1);
-void dgesv_(const int* n, const int* nrhs, double* a, const int* lda, int* ipiv, double* b,
-            const int* ldb, int* info);
 void dgesvd_(const char* jobu, const char* jobvt, const int* m, const int* n, double* a,
              const int* lda, double* s, double* u, const int* ldu, double* vt, const int* ldvt,
              double* work, const int* lwork, int* info, std::size_t jobu_len = 1,

@@ -17,7 +17,7 @@ namespace tarn {
 namespace {
 
 // One filter and smoother sweep over the replicates under the stored model,
-// accumulating w Xs[0] in the smoother's state_difference, so that each
+// accumulating w Xs[0] in the smoother's vector_scratch, so that each
 // replicate's sweep leaves Xs[1] - Xp[0] there before the addition.
 void estimate_initial_state(std::FILE* log, const DataSet& data, Trajectory* state, Workspace* work,
                             StateSpaceModel* ssm) {
@@ -25,7 +25,7 @@ void estimate_initial_state(std::FILE* log, const DataSet& data, Trajectory* sta
                "Applying Kalman filter and smoother for estimating the initial state variable.\n");
   std::fflush(log);
   const int k = ssm->k();
-  double* sum = work->state_difference.data();
+  double* sum = work->vector_scratch.data();
   std::fill_n(sum, k, 0.0);
   const double w = 1.0 / data.n_replicates;
   for (int r = 0; r < data.n_replicates; ++r) {

@@ -84,11 +84,6 @@ void Findings::report(const std::string& text, bool as_error) {
   }
 }
 
-void Findings::append(const Findings& other) {
-  lines.insert(lines.end(), other.lines.begin(), other.lines.end());
-  failed = failed || other.failed;
-}
-
 double bytes_per_time_point(const RunSettings& settings) {
   int k = 0;
   double threads = 1.0;

@@ -24,7 +24,6 @@ struct Findings {
   void fail(const std::string& text);
   // A warning, or an error when as_error is set.
   void report(const std::string& text, bool as_error);
-  void append(const Findings& other);
 };
 
 // The bytes each time point of the input adds to the records the mode

@@ -125,7 +125,19 @@ Status run_thread_mode(const RunContext& context) {
   const StartContext starts{settings.em, settings.init, context.data, log, &guard, false};
   TeamState team;
 #pragma omp parallel default(shared)
-  work_through_tasks(context, starts, &bests, &team);
+  {
+    // An exception cannot leave the team: running out of memory ends the run
+    // as any other error does.
+    try {
+      work_through_tasks(context, starts, &bests, &team);
+    } catch (const std::bad_alloc&) {
+#pragma omp critical
+      if (!guard.stopped()) {
+        team.error = Status::error("ERROR: Out of memory.");
+        guard.stop();
+      }
+    }
+  }
   return team.error;
 }
 

@@ -25,7 +25,7 @@ TEST(Kalman, FilterAndSmootherAgreeWithTextbookPasses) {
         const auto ssm = to_ssm(m, kMaxK);
         for (int r = 0; r < 3; ++r) {
           SCOPED_TRACE(testing::Message() << "k=" << k << " p=" << p << " T=" << T << " r=" << r);
-          const ReplicateView series{d.Y.data(), p, d.sample_at[static_cast<std::size_t>(r)],
+          const ReplicateView series{d.Y.data(), d.sample_at[static_cast<std::size_t>(r)],
                                      d.missing.data()};
           const double llh = run_filter(*ssm, series, &s, &work);
           run_smoother(&s, &work);

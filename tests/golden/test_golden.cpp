@@ -99,7 +99,10 @@ TEST(Golden, WholeRunsWriteTheRecordedFiles) {
         kData + "sim-expression.txt"}},
       {"macro",
        {"-d", "3", "-n", "2", "-l", "100", "--state", "off", "-o", "macro",
-        kData + "us-macro-growth-4rep.txt"}}};
+        kData + "us-macro-growth-4rep.txt"}},
+      // More states than objects: the canonical form reads singular values
+      // past p from the shared scratch.
+      {"wide", {"-d", "4", "-n", "2", "-l", "40", "-o", "wide", kData + "grunfeld-11firms.txt"}}};
   for (const auto& [name, args] : runs) {
     SCOPED_TRACE(name);
     tarn_test::ScratchDir dir;
