@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "core/em.h"
 #include "linalg/small_matrix.h"
 
@@ -8,28 +10,18 @@ namespace {
 using small::at;
 using small::dim;
 
-// yy += y^2 and yx += y x', one pass over the rows.
-template <int K>
-void add_sample(int p, int k_, const double* __restrict y, const double* __restrict x,
-                double* __restrict yy, double* __restrict yx) {
-  const int k = dim<K>(k_);
-  for (int i = 0; i < p; ++i) {
-    yy[i] += y[i] * y[i];
-    for (int j = 0; j < k; ++j) yx[at(i, j, p)] += y[i] * x[j];
-  }
-}
-
+// The sums of one replicate from its smoothed trajectory: the state sums into
+// state_sums, the missing rows' expectations into yy and products.state_data,
+// and the states for the product that adds the observed rows' y x'.
 template <int K>
 void sum_series(const StateSpaceModel& model, const ReplicateView& series, const Trajectory& s,
-                SufficientStats* sums, Workspace* w) {
-  const int p = model.p();
+                const StartProducts& products, double* yy, SufficientStats* sums, Workspace* w) {
   const int k = dim<K>(model.k());
   const int kk = k * k;
   const int T = s.T;
   double* P = w->second_moment.data();
   double* hP = w->vector_scratch.data();
-  double* yy = sums->sum_yy.data();
-  double* yx = sums->sum_yx.data();
+  double* xy = products.state_data;
   sums->reset(k);
   small::copy(k, s.smoothed_mean[0], sums->sum_x0.data());
   for (int t = 0; t < T; ++t) {
@@ -40,20 +32,20 @@ void sum_series(const StateSpaceModel& model, const ReplicateView& series, const
 
     const int col = series.sample_at[static_cast<std::size_t>(t)];
     if (col == -1) continue;
-    const double* y = series.Y + static_cast<std::size_t>(col) * static_cast<std::size_t>(p);
-    // Straight into the sums: a missing row adds the 0.0 that Y holds there,
-    // and its conditional expectation below.
-    add_sample<K>(p, k, y, s.smoothed_mean[t + 1], yy, yx);
+    const int j = series.column_of[col];
+    small::copy(k, s.smoothed_mean[t + 1],
+                products.states + static_cast<std::size_t>(j) * products.ld);
     // P = Vs[t+1] + Xs[t+1] Xs[t+1]'.
     small::copy(kk, s.smoothed_cov[t + 1], P);
     small::ger<K>(k, 1.0, s.smoothed_mean[t + 1], s.smoothed_mean[t + 1], P);
-    // Missing rows: R[m] + h P h' and h P, the expectations given what is observed.
+    // Missing rows: R[m] + h P h' and h P, the expectations given what is
+    // observed; Y holds 0.0 there, so that the product adds nothing to them.
     for (const int* m = series.missing[col]; *m != -1; ++m) {
-      const double* h = model.H.data() + *m;
-      small::gemv<K>(k, 1.0, P, h, static_cast<std::size_t>(p), 0.0, hP);
-      yy[*m] += model.R[*m] + small::dot(k, h, static_cast<std::size_t>(p), hP);
-      double* yx_row = yx + *m;
-      for (int j = 0; j < k; ++j) yx_row[at(0, j, p)] += hP[j];
+      const double* h = products.H_rows + static_cast<std::size_t>(*m) * k;
+      small::gemv<K>(k, 1.0, P, h, 1, 0.0, hP);
+      yy[*m] += model.R[*m] + small::dot(k, h, 1, hP);
+      double* xy_object = xy + static_cast<std::size_t>(*m) * products.ld;
+      for (int c = 0; c < k; ++c) xy_object[c] += hP[c];
     }
     small::axpy(kk, 1.0, P, sums->sum_xx_observed.data());
   }
@@ -68,29 +60,53 @@ void form_lag_covariances(Trajectory* s) {
   }
 }
 
-}  // namespace
-
-void sum_replicate(const StateSpaceModel& model, const ReplicateView& series,
-                   const Trajectory& trajectory, SufficientStats* sums, Workspace* work) {
-  small::with_fixed_size(model.k(), [&](auto fixed) {
-    sum_series<decltype(fixed)::value>(model, series, trajectory, sums, work);
-  });
-}
-
-double e_step(const StateSpaceModel& model, const DataSet& data, EmBuffers* buffers) {
+// Filter, smoother and sums of every replicate for start b of the batch;
+// returns its log-likelihood.
+double pass_start(const StateSpaceModel& model, const EmData& data, StartProducts products,
+                  EmBuffers* buffers) {
   const int k = model.k();
   buffers->total_sums.reset(k);
   double llh = 0.0;
-  for (int r = 0; r < data.n_replicates; ++r) {
+  for (int r = 0; r < data.table().n_replicates; ++r) {
     const ReplicateView series = replicate_view(data, r);
-    llh += run_filter(model, series, &buffers->trajectory, &buffers->workspace);
+    llh += run_filter(model, series, products, &buffers->trajectory, &buffers->workspace);
     run_smoother(&buffers->trajectory, &buffers->workspace);
-    small::with_fixed_size(
-        k, [&](auto fixed) { form_lag_covariances<decltype(fixed)::value>(&buffers->trajectory); });
-    sum_replicate(model, series, buffers->trajectory, &buffers->replicate_sums,
-                  &buffers->workspace);
+    small::with_fixed_size(k, [&](auto fixed) {
+      constexpr int K = decltype(fixed)::value;
+      form_lag_covariances<K>(&buffers->trajectory);
+      sum_series<K>(model, series, buffers->trajectory, products, buffers->total_sums.sum_yy.data(),
+                    &buffers->replicate_sums, &buffers->workspace);
+    });
     buffers->total_sums.add(buffers->replicate_sums);
   }
+  return llh;
+}
+
+}  // namespace
+
+void e_step_batch(std::span<const StateSpaceModel* const> models, const EmData& data,
+                  std::span<EmBuffers* const> buffers, BatchProducts* products,
+                  std::span<double> llh) {
+  products->prepare(models, data);
+  for (std::size_t b = 0; b < models.size(); ++b) {
+    llh[b] = pass_start(*models[b], data, products->start(static_cast<int>(b)), buffers[b]);
+  }
+  products->finish(data);
+  const int p = data.p();
+  for (std::size_t b = 0; b < models.size(); ++b) {
+    SufficientStats& sums = buffers[b]->total_sums;
+    products->copy_sums(static_cast<int>(b), &sums.sum_yx);
+    const double* squares = data.sum_squares();
+    for (int i = 0; i < p; ++i) sums.sum_yy[static_cast<std::size_t>(i)] += squares[i];
+  }
+}
+
+double e_step(const StateSpaceModel& model, const EmData& data, EmBuffers* buffers,
+              BatchProducts* products) {
+  const StateSpaceModel* models[] = {&model};
+  EmBuffers* const start_buffers[] = {buffers};
+  double llh = 0.0;
+  e_step_batch(models, data, start_buffers, products, {&llh, 1});
   return llh;
 }
 

@@ -2,8 +2,11 @@
 // The EM estimation of one model: the E-step sums, the M-step and the loop.
 
 #include <cstdio>
+#include <span>
 
+#include "core/batch_products.h"
 #include "core/data_set.h"
+#include "core/em_data.h"
 #include "core/kalman.h"
 #include "core/model.h"
 #include "core/options.h"
@@ -18,11 +21,11 @@ namespace tarn {
 struct EmBuffers {
   EmBuffers(int p, int max_k, int max_T, bool constrain_F)
       : trajectory(max_k, max_T),
-        replicate_sums(p, max_k),
+        replicate_sums(0, max_k),
         total_sums(p, max_k),
         workspace(p, max_k, constrain_F) {}
   Trajectory trajectory;
-  SufficientStats replicate_sums;  // the last replicate's sums
+  SufficientStats replicate_sums;  // the state sums of one replicate (no objects)
   SufficientStats total_sums;
   Workspace workspace;
 };
@@ -38,13 +41,16 @@ struct Estimate {
 };
 
 // One E-step: filter and smoother over every replicate, summed into
-// buffers->total_sums. Returns the log-likelihood. Allocates nothing.
-double e_step(const StateSpaceModel& model, const DataSet& data, EmBuffers* buffers);
+// buffers->total_sums, through products formed for the model. Returns the
+// log-likelihood. Allocates nothing.
+double e_step(const StateSpaceModel& model, const EmData& data, EmBuffers* buffers,
+              BatchProducts* products);
 
-// The sums of one replicate from its smoothed trajectory (with the lagged
-// covariances formed), with the conditional expectations of the missing rows.
-void sum_replicate(const StateSpaceModel& model, const ReplicateView& series,
-                   const Trajectory& trajectory, SufficientStats* sums, Workspace* work);
+// The E-step of a batch of starts of one dimension: models[b] into
+// buffers[b], its log-likelihood into llh[b].
+void e_step_batch(std::span<const StateSpaceModel* const> models, const EmData& data,
+                  std::span<EmBuffers* const> buffers, BatchProducts* products,
+                  std::span<double> llh);
 
 // The M-step on sums: initial mean (with update_mu), H, F (its diagonal held at
 // constrain_Fg with constrain_F, which the workspace must have been made
@@ -54,8 +60,8 @@ void m_step(const EmSettings& settings, const DataSet& data, const SufficientSta
 
 // Runs EM on model from the model it holds until the likelihood settles, the
 // loop limit is reached or the likelihood turns NaN; progress lines go to log.
-Estimate run_em(const EmSettings& settings, const DataSet& data, StateSpaceModel* model,
-                EmBuffers* buffers, std::FILE* log);
+Estimate run_em(const EmSettings& settings, const EmData& data, StateSpaceModel* model,
+                EmBuffers* buffers, BatchProducts* products, std::FILE* log);
 
 // Finite, not zero and not subnormal: a likelihood a result can be kept for.
 bool is_usable_likelihood(double value);

@@ -20,15 +20,15 @@ double bic_of(double llh, int p, int k, const EmSettings& settings, int n_sample
 
 }  // namespace
 
-Estimate run_em(const EmSettings& settings, const DataSet& data, StateSpaceModel* model,
-                EmBuffers* buffers, std::FILE* log) {
+Estimate run_em(const EmSettings& settings, const EmData& data, StateSpaceModel* model,
+                EmBuffers* buffers, BatchProducts* products, std::FILE* log) {
   int i = 0;
   double prev = -DBL_MAX;
   bool monotone = true;
   double llh = 0.0;
   bool converged = false;
   for (;;) {
-    llh = e_step(*model, data, buffers);
+    llh = e_step(*model, data, buffers, products);
     if (i > settings.em_loop / 10 && std::isnan(llh)) {
       converged = false;
       break;
@@ -44,7 +44,7 @@ Estimate run_em(const EmSettings& settings, const DataSet& data, StateSpaceModel
       converged = false;
       break;
     }
-    m_step(settings, data, buffers->total_sums, model, &buffers->workspace);
+    m_step(settings, data.table(), buffers->total_sums, model, &buffers->workspace);
     prev = llh;
     ++i;
     if (settings.verbose >= 2) {
@@ -56,7 +56,7 @@ Estimate run_em(const EmSettings& settings, const DataSet& data, StateSpaceModel
     std::fprintf(log, "SSM_EM_algo(): Estimation finished. llh=%f\n", llh);
     std::fflush(log);
   }
-  const double bic = bic_of(llh, data.p, model->k(), settings, data.n_samples);
+  const double bic = bic_of(llh, data.p(), model->k(), settings, data.table().n_samples);
   return Estimate{llh, bic, monotone, converged, i + 1, model};
 }
 

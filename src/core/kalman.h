@@ -3,7 +3,9 @@
 
 #include <span>
 
+#include "core/batch_products.h"
 #include "core/data_set.h"
+#include "core/em_data.h"
 #include "core/model.h"
 #include "core/trajectory.h"
 #include "core/workspace.h"
@@ -15,10 +17,13 @@ struct ReplicateView {
   const double* Y;                 // p x n_samples, column-major; missing cells hold 0.0
   std::span<const int> sample_at;  // T entries
   const int* const* missing;       // per column: the missing rows, ascending, ended by -1
+  const int* column_of;            // per column: its place among the read columns, or null
 };
 
 // Replicate r of the data set.
 ReplicateView replicate_view(const DataSet& data, int r);
+// Replicate r, with the places of its columns among the read columns.
+ReplicateView replicate_view(const EmData& data, int r);
 
 // Fills the predicted and filtered tables, F_filtered_cov and
 // predicted_precision of trajectory for the replicate and returns its
@@ -26,6 +31,12 @@ ReplicateView replicate_view(const DataSet& data, int r);
 // information form on k x k systems.
 double run_filter(const StateSpaceModel& model, const ReplicateView& series, Trajectory* trajectory,
                   Workspace* work);
+// The same from the products of the model with the data (series from the
+// EmData they were formed on): a time point costs k x k work and its missing
+// rows, or a sweep over the p objects where the expanded form of e'R^-1 e
+// would lose digits.
+double run_filter(const StateSpaceModel& model, const ReplicateView& series,
+                  const StartProducts& products, Trajectory* trajectory, Workspace* work);
 
 // Rauch-Tung-Striebel pass after run_filter on the same trajectory: fills the
 // smoother gains and the smoothed tables. With T >= 1 it leaves

@@ -29,8 +29,21 @@ inline Pair load_pair(const double* x) {
   return v;
 }
 
-// R_inv_H = R^-1 H, row i of H divided by R[i]; information = H' R_inv_H.
-void prepare_information(const StateSpaceModel& model, int p, int k, Workspace* w) {
+// What the update reads of the model beyond H and R.
+struct FilterTerms {
+  // Row i of H: k values at H_rows + i * row_step, element j at j * element_step.
+  const double* H_rows;
+  std::size_t row_step;
+  std::size_t element_step;
+  const double* R_inv_H;      // p x k
+  const double* information;  // k x k: H' R^-1 H
+  const double* log_R;        // p
+  double sum_log_R;
+};
+
+// R_inv_H = R^-1 H, row i of H divided by R[i]; information = H' R_inv_H;
+// log R and its sum.
+FilterTerms prepare_terms(const StateSpaceModel& model, int p, int k, Workspace* w) {
   for (int j = 0; j < k; ++j) {
     const double* h = model.H.data() + at(0, j, p);
     double* rh = w->R_inv_H.data() + at(0, j, p);
@@ -40,6 +53,14 @@ void prepare_information(const StateSpaceModel& model, int p, int k, Workspace* 
     dgemv_("T", &p, &k, &blas::kOne, model.H.data(), &p, w->R_inv_H.data() + at(0, j, p),
            &blas::kIncOne, &blas::kZero, w->information.data() + at(0, j, k), &blas::kIncOne);
   }
+  double* log_R = w->log_R.data();
+  double sum_log_R = 0.0;
+  for (int i = 0; i < p; ++i) {
+    log_R[i] = std::log(model.R[i]);
+    sum_log_R += log_R[i];
+  }
+  return FilterTerms{model.H.data(), 1, static_cast<std::size_t>(p), w->R_inv_H.data(),
+                     w->information.data(), log_R, sum_log_R};
 }
 
 // predicted_mean[t] = F filtered_mean[t], predicted_cov[t] = (F filtered_cov[t]) F' + diag(Q),
@@ -104,29 +125,47 @@ double project_innovation(int p, int k_, const double* __restrict R_inv_H,
   return (q[0][0] + q[0][1]) + (q[1][0] + q[1][1]);
 }
 
-// What stays fixed over one filter run: log R of every object and their sum.
-struct LogTerms {
-  const double* log_R;
-  double sum_log_R;
-  double log_2pi;
-};
+// The expanded form below may take terms this many times the size of its
+// result: it then keeps all but the last 4 bits the direct form keeps. Past
+// that, the time point is filtered in the direct form.
+constexpr double kCancellationLimit = 16.0;
+
+// b = H'R^-1 e and e'R^-1 e from the products with the data, where e = y - H xp
+// over the observed rows: with g = H'R^-1 y and the observed information A,
+//   b = g - A xp,   e'R^-1 e = y'R^-1 y - 2 xp'g + xp'A xp.
+// Returns false, with b overwritten, where the terms are too large against
+// the result for its digits to be kept.
+template <int K>
+bool expanded_innovation(int k_, const double* g, double y_Rinv_y, const double* A,
+                         const double* xp, double* b, double* e_Rinv_e) {
+  const int k = dim<K>(k_);
+  small::gemv<K>(k, 1.0, A, xp, 1, 0.0, b);
+  const double xAx = small::dot(k, xp, 1, b);
+  const double xg = small::dot(k, xp, 1, g);
+  const double q = (y_Rinv_y - xg - xg) + xAx;
+  const double terms = y_Rinv_y + 2.0 * std::fabs(xg) + std::fabs(xAx);
+  if (!(terms <= kCancellationLimit * q)) return false;
+  for (int j = 0; j < k; ++j) b[j] = g[j] - b[j];
+  *e_Rinv_e = q;
+  return true;
+}
 
 // -0.5 (e' S^-1 e + log det S + n log 2 pi), evaluated without S from the
 // update's b, u and B. e_Rinv_e is the sum of e[i]^2 / R[i].
 template <int K>
-double likelihood_term(int p, int k_, double e_Rinv_e, const int* missing, const LogTerms& logs,
-                       Workspace* w) {
+double likelihood_term(int p, int k_, double e_Rinv_e, const int* missing,
+                       const FilterTerms& terms, Workspace* w) {
   const int k = dim<K>(k_);
   const double q =
       e_Rinv_e - small::dot(k, w->projected_innovation.data(), 1, w->correction.data());
 
-  double r = logs.sum_log_R;
+  double r = terms.sum_log_R;
   int n_missing = 0;
   for (const int* m = missing; *m != -1; ++m) {
-    r -= logs.log_R[*m];
+    r -= terms.log_R[*m];
     ++n_missing;
   }
-  const double c = static_cast<double>(p - n_missing) * logs.log_2pi;
+  const double c = static_cast<double>(p - n_missing) * std::log(kTwoPi);
 
   double* lu = w->square_b.data();
   small::copy(k * k, w->gain_complement.data(), lu);
@@ -135,32 +174,46 @@ double likelihood_term(int p, int k_, double e_Rinv_e, const int* missing, const
   return -0.5 * (q + r + c - d);
 }
 
-// The measurement update of time point t with observation y; returns the sum
-// of e[i]^2 / R[i]. Writes filtered_mean[t + 1] and filtered_cov[t + 1].
+// One observed time point: its column of Y with its missing rows, and, where
+// the products with the data were formed, their values for the column.
+struct Observation {
+  const double* y;
+  const int* missing;
+  const double* projected;  // H'R^-1 y, or null
+  double y_Rinv_y;
+};
+
+// The measurement update of time point t; returns the sum of e[i]^2 / R[i].
+// Writes filtered_mean[t + 1] and filtered_cov[t + 1].
 template <int K>
-double update(const StateSpaceModel& model, const double* y, const int* missing, int t,
-              Trajectory* s, Workspace* w) {
+double update(const StateSpaceModel& model, const FilterTerms& terms, const Observation& obs,
+              int t, Trajectory* s, Workspace* w) {
   const int p = model.p();
   const int k = dim<K>(model.k());
   const int kk = k * k;
   const double* H = model.H.data();
   const double* R = model.R.data();
   const double* xp = s->predicted_mean[t];
-  double* e = w->innovation.data();
   double* b = w->projected_innovation.data();
   double* u = w->correction.data();
   double* A = w->observed_information.data();
   double* G = w->square_a.data();
   double* lu = w->square_b.data();
   int* ipiv = w->pivots.get();
-  innovation<K>(p, k, H, xp, y, missing, e);
   // A = H' R^-1 H over the observed rows: take each missing row out again.
-  small::copy(kk, w->information.data(), A);
-  for (const int* m = missing; *m != -1; ++m) {
-    small::ger<K>(k, -1.0 / R[*m], H + *m, H + *m, A, static_cast<std::size_t>(p));
+  small::copy(kk, terms.information, A);
+  for (const int* m = obs.missing; *m != -1; ++m) {
+    const double* h = terms.H_rows + *m * terms.row_step;
+    small::ger<K>(k, -1.0 / R[*m], h, h, A, terms.element_step);
   }
-  // b = H' R^-1 e; the zeros in e remove the missing rows.
-  const double e_Rinv_e = project_innovation<K>(p, k, w->R_inv_H.data(), R, e, b);
+  double e_Rinv_e = 0.0;
+  if (obs.projected == nullptr ||
+      !expanded_innovation<K>(k, obs.projected, obs.y_Rinv_y, A, xp, b, &e_Rinv_e)) {
+    // b = H' R^-1 e with e = y - H xp; the zeros in e remove the missing rows.
+    double* e = w->innovation.data();
+    innovation<K>(p, k, H, xp, obs.y, obs.missing, e);
+    e_Rinv_e = project_innovation<K>(p, k, terms.R_inv_H, R, e, b);
+  }
   // G = Vp^-1 + A; solve G u = b.
   small::copy(kk, s->predicted_precision[t], G);
   small::axpy(kk, 1.0, A, G);
@@ -182,28 +235,31 @@ double update(const StateSpaceModel& model, const double* y, const int* missing,
   return e_Rinv_e;
 }
 
+// The observation of table column col: with products, their values at its
+// place among the read columns.
+Observation observe(const ReplicateView& series, const StartProducts* products, int p, int col) {
+  Observation obs{series.Y + static_cast<std::size_t>(col) * static_cast<std::size_t>(p),
+                  series.missing[col], nullptr, 0.0};
+  if (products != nullptr) {
+    const int j = series.column_of[col];
+    obs.projected = products->projected + static_cast<std::size_t>(j) * products->ld;
+    obs.y_Rinv_y = products->norms[j];
+  }
+  return obs;
+}
+
 template <int K>
-double filter(const StateSpaceModel& model, const ReplicateView& series, Trajectory* s,
+double filter(const StateSpaceModel& model, const ReplicateView& series,
+              const FilterTerms& terms, const StartProducts* products, Trajectory* s,
               Workspace* work) {
   const int p = model.p();
   const int k = dim<K>(model.k());
   const int T = static_cast<int>(series.sample_at.size());
   s->k = k;
   s->T = T;
-  prepare_information(model, p, k, work);
   small::copy(k, model.initial_mean.data(), s->filtered_mean[0]);
   small::copy(k * k, model.initial_cov.data(), s->filtered_cov[0]);
   double llh = 0.0;
-
-  // Formed once per call; each observed time point subtracts its missing rows.
-  double* log_R = work->log_R.data();
-  double sum_log_R = 0.0;
-  for (int i = 0; i < p; ++i) {
-    log_R[i] = std::log(model.R[i]);
-    sum_log_R += log_R[i];
-  }
-  const LogTerms logs{log_R, sum_log_R, std::log(kTwoPi)};
-
   for (int t = 0; t < T; ++t) {
     predict<K>(model, k, t, s, work);
     const int col = series.sample_at[static_cast<std::size_t>(t)];
@@ -212,10 +268,9 @@ double filter(const StateSpaceModel& model, const ReplicateView& series, Traject
       small::copy(k * k, s->predicted_cov[t], s->filtered_cov[t + 1]);
       continue;
     }
-    const double* y = series.Y + static_cast<std::size_t>(col) * static_cast<std::size_t>(p);
-    const int* missing = series.missing[col];
-    const double e_Rinv_e = update<K>(model, y, missing, t, s, work);
-    llh += likelihood_term<K>(p, k, e_Rinv_e, missing, logs, work);
+    const Observation obs = observe(series, products, p, col);
+    const double e_Rinv_e = update<K>(model, terms, obs, t, s, work);
+    llh += likelihood_term<K>(p, k, e_Rinv_e, obs.missing, terms, work);
   }
   return llh;
 }
@@ -226,13 +281,33 @@ ReplicateView replicate_view(const DataSet& data, int r) {
   return ReplicateView{data.Y.data(),
                        std::span<const int>(data.sample_at[static_cast<std::size_t>(r)],
                                             static_cast<std::size_t>(data.T)),
-                       data.missing.data()};
+                       data.missing.data(), nullptr};
+}
+
+ReplicateView replicate_view(const EmData& data, int r) {
+  ReplicateView view = replicate_view(data.table(), r);
+  view.column_of = data.column_places();
+  return view;
 }
 
 double run_filter(const StateSpaceModel& model, const ReplicateView& series, Trajectory* trajectory,
                   Workspace* work) {
   return small::with_fixed_size(model.k(), [&](auto fixed) {
-    return filter<decltype(fixed)::value>(model, series, trajectory, work);
+    const FilterTerms terms = prepare_terms(model, model.p(), model.k(), work);
+    return filter<decltype(fixed)::value>(model, series, terms, nullptr, trajectory, work);
+  });
+}
+
+double run_filter(const StateSpaceModel& model, const ReplicateView& series,
+                  const StartProducts& products, Trajectory* trajectory, Workspace* work) {
+  const FilterTerms terms{products.H_rows,          static_cast<std::size_t>(model.k()),
+                          1,
+                          products.R_inv_H,
+                          products.information,
+                          products.log_R,
+                          products.sum_log_R};
+  return small::with_fixed_size(model.k(), [&](auto fixed) {
+    return filter<decltype(fixed)::value>(model, series, terms, &products, trajectory, work);
   });
 }
 

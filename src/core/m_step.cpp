@@ -11,40 +11,79 @@ namespace {
 using small::at;
 using small::dim;
 
+// y -= u x over n elements.
+void subtract_scaled(int n, double u, const double* __restrict x, double* __restrict y) {
+  for (int r = 0; r < n; ++r) y[r] -= u * x[r];
+}
+
 // X = A B^-1 (A and X rows x k, B k x k) through one LU factorisation of B:
-// solve B' Z = A' on the transpose of A, then transpose back.
+// for every row, the solve of B' x' = a' by U', then L', then the swaps in
+// reverse; all rows at once, column by column of X.
 template <int K>
 void right_divide(const double* __restrict A, const double* B, int rows, int k_,
                   double* __restrict X, Workspace* w) {
   const int k = dim<K>(k_);
   double* lu = w->square_b.data();
   int* ipiv = w->pivots.get();
-  double* __restrict At = w->transposed.data();
   small::copy(k * k, B, lu);
   small::getrf<K>(k, lu, ipiv);
-  for (int i = 0; i < rows; ++i) {
-    for (int j = 0; j < k; ++j) At[at(j, i, k)] = A[at(i, j, rows)];
+  auto column = [&](int j) { return X + at(0, j, rows); };
+  for (int j = 0; j < k; ++j) {
+    double* x = column(j);
+    std::copy_n(A + at(0, j, rows), rows, x);
+    for (int i = 0; i < j; ++i) subtract_scaled(rows, lu[at(i, j, k)], column(i), x);
+    const double pivot = lu[at(j, j, k)];
+    for (int r = 0; r < rows; ++r) x[r] /= pivot;
   }
-  small::getrs<K, true>(k, rows, lu, ipiv, At, k);
-  for (int i = 0; i < rows; ++i) {
-    for (int j = 0; j < k; ++j) X[at(i, j, rows)] = At[at(j, i, k)];
+  for (int j = k - 1; j >= 0; --j) {
+    for (int i = j + 1; i < k; ++i) subtract_scaled(rows, lu[at(i, j, k)], column(i), column(j));
+  }
+  for (int i = k - 1; i >= 0; --i) {
+    const int swap = ipiv[i] - 1;
+    if (k != 1 && swap != i) std::swap_ranges(column(i), column(i) + rows, column(swap));
   }
 }
 
-// R[i] = (yy[i] - 2 h yx(i)' + h xx_observed h') / n_samples, h the new row i of H.
+// R[i] = (yy[i] - 2 h yx(i)' + h xx_observed h') / n_samples, h the new row i
+// of H; all rows at once.
 template <int K>
 void update_R(const SufficientStats& sums, int n_samples, StateSpaceModel* model, Workspace* w) {
   const int p = model->p();
   const int k = dim<K>(model->k());
-  const std::size_t stride = static_cast<std::size_t>(p);
   const double c = 1.0 / n_samples;
-  double* xh = w->vector_scratch.data();
-  for (int i = 0; i < p; ++i) {
-    const double* h = model->H.data() + i;
-    const double a = small::dot(k, h, stride, sums.sum_yx.data() + i, stride);
-    small::gemv<K>(k, 1.0, sums.sum_xx_observed.data(), h, stride, 0.0, xh);
-    const double b = small::dot(k, h, stride, xh);
-    model->R[i] = (sums.sum_yy[i] - a - a + b) * c;
+  const double* __restrict H = model->H.data();
+  const double* __restrict yx = sums.sum_yx.data();
+  const double* __restrict yy = sums.sum_yy.data();
+  const double* __restrict xx = sums.sum_xx_observed.data();
+  double* __restrict R = model->R.data();
+  if constexpr (K == 0) {
+    // Sizes without code of their own: one row at a time.
+    double* xh = w->vector_scratch.data();
+    for (int i = 0; i < p; ++i) {
+      double a = 0.0;
+      for (int j = 0; j < k; ++j) a += H[at(i, j, p)] * yx[at(i, j, p)];
+      for (int j = 0; j < k; ++j) xh[j] = 0.0;
+      for (int l = 0; l < k; ++l) {
+        const double h = H[at(i, l, p)];
+        for (int j = 0; j < k; ++j) xh[j] += h * xx[at(j, l, k)];
+      }
+      double b = 0.0;
+      for (int j = 0; j < k; ++j) b += H[at(i, j, p)] * xh[j];
+      R[i] = (yy[i] - a - a + b) * c;
+    }
+  } else {
+    for (int i = 0; i < p; ++i) {
+      double a = 0.0;
+      for (int j = 0; j < K; ++j) a += H[at(i, j, p)] * yx[at(i, j, p)];
+      double xh[K] = {};
+      for (int l = 0; l < K; ++l) {
+        const double h = H[at(i, l, p)];
+        for (int j = 0; j < K; ++j) xh[j] += h * xx[at(j, l, K)];
+      }
+      double b = 0.0;
+      for (int j = 0; j < K; ++j) b += H[at(i, j, p)] * xh[j];
+      R[i] = (yy[i] - a - a + b) * c;
+    }
   }
 }
 

@@ -37,10 +37,11 @@ Status run_array_task(const RunContext& context) {
   std::fflush(log);
   if (Status dims = require_dimensions({&k, 1}); !dims.ok()) return dims;
 
-  EstimationRecords rec(&context.data, k, settings.em.constrain_F);
+  const EmData em_data(context.data);
+  EstimationRecords rec(em_data, k, settings.em.constrain_F);
   if (settings.em.constrain_F != 0) prepare_F_constraint(&rec.buffers->workspace, k);
   StartGuard guard(settings.em.retry);
-  const StartContext starts{settings.em, settings.init, context.data, log, &guard, true};
+  const StartContext starts{settings.em, settings.init, em_data, log, &guard, true};
   std::fprintf(log, "Starting the SSM estimation.\n");
   std::fflush(log);
   const Result<Estimate> result = estimate_set(starts, k, context.job.starts, &rec);

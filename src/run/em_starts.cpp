@@ -18,17 +18,18 @@ void warn_retry_limit(std::FILE* log) {
 }  // namespace
 
 Result<Estimate> estimate_start(const StartContext& context, int k, StateSpaceModel* working,
-                                EmBuffers* buffers) {
+                                EstimationRecords* rec) {
   const EmSettings& em = context.em;
   int count = 0;
   for (;;) {
     // The run's one random stream, shared by the threads.
 #pragma omp critical
-    draw_initial_model(context.init, context.data, k, working);
+    draw_initial_model(context.init, context.data.table(), k, working);
     if (context.show_initial_model && em.verbose > 0) {
-      write_model(working, context.data.p, k, context.log);
+      write_model(working, context.data.p(), k, context.log);
     }
-    const Estimate res = run_em(em, context.data, working, buffers, context.log);
+    const Estimate res =
+        run_em(em, context.data, working, rec->buffers.get(), rec->products.get(), context.log);
     if (em.retry >= 0 && count >= em.retry) {
       warn_retry_limit(context.log);
       return res;
@@ -52,7 +53,7 @@ Result<Estimate> estimate_set(const StartContext& context, int k, int starts,
   StateSpaceModel* keeper = rec->spare.get();
   Estimate best{-DBL_MAX, -DBL_MAX, false, false, -1, nullptr};
   for (int n = 0; n < starts;) {
-    const Result<Estimate> res = estimate_start(context, k, working, rec->buffers.get());
+    const Result<Estimate> res = estimate_start(context, k, working, rec);
     if (!res.ok()) return res;
     ++n;
     std::fprintf(context.log, "%d: Loops=%d, Likelihood=%f\n", n, res->loops, res->log_likelihood);

@@ -16,7 +16,7 @@ namespace tarn {
 struct StartContext {
   const EmSettings& em;
   const InitialModelSettings& init;
-  const DataSet& data;
+  const EmData& data;
   std::FILE* log;
   StartGuard* guard;
   bool show_initial_model;  // -v: print each random model (single and array modes)
@@ -26,7 +26,7 @@ struct StartContext {
 // the retry limit lets the last one through. Fails when the guard gives up;
 // stops retrying, its result to be dropped, once the guard is stopped.
 Result<Estimate> estimate_start(const StartContext& context, int k, StateSpaceModel* working,
-                                EmBuffers* buffers);
+                                EstimationRecords* rec);
 
 // The starts of one set, one after the other, logged; the best of them, its
 // model in rec.

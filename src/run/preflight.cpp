@@ -23,16 +23,19 @@ bool unlimited_retries(const RunSettings& settings) {
   return settings.em.retry < 0;
 }
 
-// Records of one estimating thread: two models, the tables over time, two
-// sets of sums and the scratch, all for dimension k.
+// Records of one estimating thread: two models, the tables over time, the
+// sums, the scratch and the products with the data, all for dimension k.
 double records_bytes(const DataSet& data, int k, int constrain_F) {
   return 2.0 * model_bytes(data.p, k) + trajectory_bytes(k, data.T) +
-         2.0 * sufficient_stats_bytes(data.p, k) + workspace_bytes(data.p, k, constrain_F != 0);
+         sufficient_stats_bytes(data.p, k) + workspace_bytes(data.p, k, constrain_F != 0) +
+         batch_products_bytes(data.p, data.n_samples, k, 1);
 }
 
+// The table, and what the products read of it.
 double data_bytes(const DataSet& data) {
   return 8.0 * static_cast<double>(data.Y.size()) +
-         4.0 * static_cast<double>(data.missing_block.size() + data.sample_at_block.size());
+         4.0 * static_cast<double>(data.missing_block.size() + data.sample_at_block.size()) +
+         em_data_bytes(data);
 }
 
 // The dimension the mode makes its records for, and how many threads make

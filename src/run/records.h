@@ -10,12 +10,13 @@
 namespace tarn {
 
 struct EstimationRecords {
-  EstimationRecords(const DataSet* data, int k, int constrain_F);
+  EstimationRecords(const EmData& data, int k, int constrain_F);
   // The model a start works on, and the best so far; the restarts of a set
   // swap their roles.
   std::unique_ptr<StateSpaceModel> working;
   std::unique_ptr<StateSpaceModel> spare;
   std::unique_ptr<EmBuffers> buffers;
+  std::unique_ptr<BatchProducts> products;
 };
 
 }  // namespace tarn

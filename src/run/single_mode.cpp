@@ -53,9 +53,10 @@ Status run_single_mode(const RunContext& context) {
   std::fprintf(log, "Max dimemsion = %d\n", max_k);
   if (Status dims = require_dimensions(context.job.dims); !dims.ok()) return dims;
 
-  EstimationRecords rec(&context.data, max_k, settings.em.constrain_F);
+  const EmData em_data(context.data);
+  EstimationRecords rec(em_data, max_k, settings.em.constrain_F);
   StartGuard guard(settings.em.retry);
-  const StartContext starts{settings.em, settings.init, context.data, log, &guard, true};
+  const StartContext starts{settings.em, settings.init, em_data, log, &guard, true};
   const int n_dims = static_cast<int>(context.job.dims.size());
   for (int d = 0; d < n_dims; ++d) {
     if (Status done = run_dimension(context, d, starts, &rec); !done.ok()) return done;

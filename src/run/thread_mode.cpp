@@ -51,7 +51,7 @@ void work_through_tasks(const RunContext& context, const StartContext& starts, S
   const std::size_t n_tasks = job.sets.size() * static_cast<std::size_t>(job.starts);
   const int me = omp_get_thread_num();
   // Private records for the largest dim.
-  EstimationRecords rec(&context.data, max_dimension(job.dims), starts.em.constrain_F);
+  EstimationRecords rec(starts.data, max_dimension(job.dims), starts.em.constrain_F);
   int prepared_k = -1;
   for (;;) {
     std::size_t task = n_tasks;
@@ -64,8 +64,7 @@ void work_through_tasks(const RunContext& context, const StartContext& starts, S
       prepare_F_constraint(&rec.buffers->workspace, set.k);
       prepared_k = set.k;
     }
-    const Result<Estimate> result =
-        estimate_start(starts, set.k, rec.working.get(), rec.buffers.get());
+    const Result<Estimate> result = estimate_start(starts, set.k, rec.working.get(), &rec);
     bool stop = false;
     bool set_done = false;
 #pragma omp critical
@@ -122,7 +121,8 @@ Status run_thread_mode(const RunContext& context) {
 
   SetBests bests(job.sets.size(), max_dimension(job.dims));
   StartGuard guard(settings.em.retry);
-  const StartContext starts{settings.em, settings.init, context.data, log, &guard, false};
+  const EmData em_data(context.data);
+  const StartContext starts{settings.em, settings.init, em_data, log, &guard, false};
   TeamState team;
 #pragma omp parallel default(shared)
   {

@@ -9,10 +9,12 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <memory>
 #include <numbers>
 #include <random>
 #include <vector>
 
+#include "core/data_set.h"
 #include "core/model.h"
 
 using namespace tarn;  // NOLINT(google-build-using-namespace)
@@ -169,6 +171,19 @@ inline Data random_series(int p, int T, int n_rep, std::mt19937_64& rng) {
     d.missing.push_back(list.data());
   }
   return d;
+}
+
+// The data set in the reader's layout, pointing into d.
+inline std::unique_ptr<DataSet> to_data(const Data& d) {
+  auto data = std::make_unique<DataSet>();
+  data->Y = d.Y;
+  data->n_samples = d.n_samples;
+  data->p = d.p;
+  data->T = d.T;
+  data->n_replicates = static_cast<int>(d.sample_at.size());
+  for (const auto& rep : d.sample_at) data->sample_at.push_back(const_cast<int*>(rep.data()));
+  for (const int* list : d.missing) data->missing.push_back(const_cast<int*>(list));
+  return data;
 }
 
 inline bool is_missing(const Data& d, int s, int i) {

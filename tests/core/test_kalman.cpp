@@ -1,6 +1,7 @@
-// The information-form filter and the smoother against the textbook
-// covariance-form filter and Rauch-Tung-Striebel smoother, on records made for
-// larger sizes and reused from case to case, as the estimation reuses them.
+// The information-form filter, in its direct form and from the products with
+// the data, and the smoother against the textbook covariance-form filter and
+// Rauch-Tung-Striebel smoother, on records made for larger sizes and reused
+// from case to case, as the estimation reuses them.
 
 #include <gtest/gtest.h>
 
@@ -23,11 +24,19 @@ TEST(Kalman, FilterAndSmootherAgreeWithTextbookPasses) {
         const Model m = random_model(p, k, rng);
         const Data d = random_series(p, T, 3, rng);
         const auto ssm = to_ssm(m, kMaxK);
-        for (int r = 0; r < 3; ++r) {
-          SCOPED_TRACE(testing::Message() << "k=" << k << " p=" << p << " T=" << T << " r=" << r);
-          const ReplicateView series{d.Y.data(), d.sample_at[static_cast<std::size_t>(r)],
-                                     d.missing.data()};
-          const double llh = run_filter(*ssm, series, &s, &work);
+        const auto data = to_data(d);
+        const EmData em_data(*data);
+        BatchProducts products(p, em_data.columns(), kMaxK, 1);
+        const StateSpaceModel* models[] = {ssm.get()};
+        products.prepare(models, em_data);
+        for (int form = 0; form < 6; ++form) {
+          const int r = form / 2;
+          const bool direct = form % 2 == 0;
+          SCOPED_TRACE(testing::Message() << "k=" << k << " p=" << p << " T=" << T << " r=" << r
+                                          << (direct ? " direct" : " from the products"));
+          const double llh =
+              direct ? run_filter(*ssm, replicate_view(*data, r), &s, &work)
+                     : run_filter(*ssm, replicate_view(em_data, r), products.start(0), &s, &work);
           run_smoother(&s, &work);
           const Filtered f = filter(m, d, r);
           const Smoothed sm = smooth(m, f);
@@ -47,6 +56,51 @@ TEST(Kalman, FilterAndSmootherAgreeWithTextbookPasses) {
           }
         }
       }
+    }
+  }
+}
+
+// Observations that the model predicts to 1e-6 of their size: the expanded
+// form of e'R^-1 e would keep none of its digits, and the filter from the
+// products must still give the likelihood and states of the direct form.
+TEST(Kalman, ProductsKeepTheDigitsOfTheDirectForm) {
+  std::mt19937_64 rng(77);
+  std::normal_distribution<double> normal;
+  const int p = 40, k = 3, T = 6;
+  Model m = random_model(p, k, rng);
+  for (double& r : m.R.a) r = 1e-12;
+  Data d = random_series(p, T, 1, rng);
+  std::vector<double> x(m.exp.a);
+  for (int t = 0; t < T; ++t) {
+    std::vector<double> next(static_cast<std::size_t>(k), 0.0);
+    for (int i = 0; i < k; ++i)
+      for (int j = 0; j < k; ++j) next[i] += m.F(i, j) * x[static_cast<std::size_t>(j)];
+    x = next;
+    const int col = d.sample_at[0][static_cast<std::size_t>(t)];
+    if (col < 0) continue;
+    for (int i = 0; i < p; ++i) {
+      if (is_missing(d, col, i)) continue;
+      double y = 1e-6 * normal(rng);
+      for (int j = 0; j < k; ++j) y += m.H(i, j) * x[static_cast<std::size_t>(j)];
+      d.Y[static_cast<std::size_t>(i + col * p)] = y;
+    }
+  }
+  const auto ssm = to_ssm(m);
+  const auto data = to_data(d);
+  const EmData em_data(*data);
+  BatchProducts products(p, em_data.columns(), k, 1);
+  const StateSpaceModel* models[] = {ssm.get()};
+  products.prepare(models, em_data);
+  Trajectory direct(k, T), expanded(k, T);
+  Workspace work(p, k, false);
+  const double want = run_filter(*ssm, replicate_view(*data, 0), &direct, &work);
+  const double got =
+      run_filter(*ssm, replicate_view(em_data, 0), products.start(0), &expanded, &work);
+  EXPECT_NEAR(got, want, 1e-9 * std::fabs(want));
+  for (int t = 1; t <= T; ++t) {
+    for (int j = 0; j < k; ++j) {
+      EXPECT_NEAR(expanded.filtered_mean[t][j], direct.filtered_mean[t][j],
+                  1e-9 * std::fabs(direct.filtered_mean[t][j]) + 1e-12);
     }
   }
 }

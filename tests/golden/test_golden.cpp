@@ -67,8 +67,9 @@ TEST_P(GoldenLog, SameAsRecorded) {
 INSTANTIATE_TEST_SUITE_P(Cases, GoldenLog, testing::ValuesIn(read_cases()),
                          [](const auto& test) { return test.param.name; });
 
-// Words equal, numbers within 1e-9 relative (with a floor for values near zero).
-void expect_same_content(const fs::path& got, const fs::path& want) {
+// Words equal, numbers within tolerance relative (with a floor for values
+// near zero).
+void expect_same_content(const fs::path& got, const fs::path& want, double tolerance) {
   std::istringstream a(tarn_test::read_text(got)), b(tarn_test::read_text(want));
   std::string x, y;
   int mismatches = 0;
@@ -78,7 +79,8 @@ void expect_same_content(const fs::path& got, const fs::path& want) {
     const double u = std::strtod(x.c_str(), &end_x), v = std::strtod(y.c_str(), &end_y);
     const bool numbers = *end_x == '\0' && *end_y == '\0' && end_x != x.c_str() && y != "NAN";
     const bool same =
-        numbers ? std::fabs(u - v) <= 1e-9 * std::max(std::fabs(u), std::fabs(v)) + 1e-13 : x == y;
+        numbers ? std::fabs(u - v) <= tolerance * std::max(std::fabs(u), std::fabs(v)) + 1e-13
+                : x == y;
     if (!same && ++mismatches <= 3)
       ADD_FAILURE() << got << " word " << word << ": " << x << " vs " << y;
   }
@@ -88,27 +90,46 @@ void expect_same_content(const fs::path& got, const fs::path& want) {
 // The run's log against logs/file_NAME.log, its files against files/NAME:
 // single mode, every layout of --each, a stored model applied, and a set
 // without state files.
+//
+// The two runs on the firm table stop far from a maximum, on objects whose
+// variances lie 2000-fold apart, and the EM passes carry a change in the last
+// bit of a sum into the digits of some numbers. Built with fused
+// multiply-adds, the code that recorded them moves the numbers of the run
+// with more states than objects, whose likelihood leaves directions free, by
+// up to 3.4e-7 of their size; summing in another order moves a state of the
+// run with two states, 0.0026 among states near 1, by 6e-12. Those files are
+// held to 1e-6 and 5e-9.
 TEST(Golden, WholeRunsWriteTheRecordedFiles) {
-  const std::pair<std::string, std::vector<std::string>> runs[] = {
-      {"sim", {"-n", "3", "-l", "200", "-o", "sim", kData + "sim-expression.txt"}},
+  struct Run {
+    std::string name;
+    std::vector<std::string> args;
+    double tolerance;
+  };
+  const Run runs[] = {
+      {"sim", {"-n", "3", "-l", "200", "-o", "sim", kData + "sim-expression.txt"}, 1e-9},
       {"grunfeld",
        {"-d", "2", "-n", "2", "-l", "100", "--each", "on", "-o", "grun",
-        kData + "grunfeld-11firms.txt"}},
+        kData + "grunfeld-11firms.txt"},
+       5e-9},
       {"apply",
        {"--ssm", kData + "sim-expression-true-model.txt", "-o", "apply",
-        kData + "sim-expression.txt"}},
+        kData + "sim-expression.txt"},
+       1e-9},
       {"macro",
        {"-d", "3", "-n", "2", "-l", "100", "--state", "off", "-o", "macro",
-        kData + "us-macro-growth-4rep.txt"}},
+        kData + "us-macro-growth-4rep.txt"},
+       1e-9},
       // More states than objects: the canonical form reads singular values
       // past p from the shared scratch.
-      {"wide", {"-d", "4", "-n", "2", "-l", "40", "-o", "wide", kData + "grunfeld-11firms.txt"}}};
-  for (const auto& [name, args] : runs) {
-    SCOPED_TRACE(name);
+      {"wide",
+       {"-d", "4", "-n", "2", "-l", "40", "-o", "wide", kData + "grunfeld-11firms.txt"},
+       1e-6}};
+  for (const Run& run : runs) {
+    SCOPED_TRACE(run.name);
     tarn_test::ScratchDir dir;
-    expect_golden_log("file_" + name, record_run(args, dir.path()));
-    for (const auto& e : fs::directory_iterator(kGolden / "files" / name))
-      expect_same_content(dir / e.path().filename(), e.path());
+    expect_golden_log("file_" + run.name, record_run(run.args, dir.path()));
+    for (const auto& e : fs::directory_iterator(kGolden / "files" / run.name))
+      expect_same_content(dir / e.path().filename(), e.path(), run.tolerance);
   }
 }
 

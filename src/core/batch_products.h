@@ -1,0 +1,74 @@
+#pragma once
+// The products with the data of the models of a batch of starts: B starts
+// of dimension k that advance together over the same data. What an E-step
+// would otherwise sweep the p objects for at every time point is formed for
+// all time points and all starts at once, as matrix products:
+//
+//   projected = [R1^-1 H1 ... RB^-1 HB]' Y    (B k x n): H'R^-1 y of every read column
+//   norms     = (Y o Y)' [1/R1 ... 1/RB]       (n x B):  y'R^-1 y of every read column
+//   state_data += [X1; ...; XB] Y'             (B k x p): the sums of x y' of every
+//                                              object, once the smoothed states X are in
+//
+// With one start it is the batch of one.
+
+#include <span>
+
+#include "core/em_data.h"
+#include "core/model.h"
+#include "linalg/matrix.h"
+
+namespace tarn {
+
+// Start b's share of the batch, as the filter reads it and the E-step sums
+// write it.
+struct StartProducts {
+  const double* H_rows;       // k x p: H', row i of H at H_rows + i * k
+  const double* R_inv_H;      // p x k: R^-1 H
+  const double* information;  // k x k: H' R^-1 H
+  const double* log_R;        // p
+  double sum_log_R;
+  const double* projected;  // read column j: k values at projected + j * ld
+  const double* norms;      // read column j: y'R^-1 y at norms[j]
+  double* states;           // read column j: the smoothed state, k values at states + j * ld
+  int ld;                   // B k
+  double* state_data;       // object i: k sums of x y[i] at state_data + i * ld
+};
+
+class BatchProducts {
+ public:
+  // Room for up to max_starts starts of up to max_k states.
+  BatchProducts(int p, int n_columns, int max_k, int max_starts);
+
+  int starts() const { return starts_; }
+  int k() const { return k_; }
+  StartProducts start(int b);
+
+  // Everything before the filters: R^-1 H, H' R^-1 H and log R of each model,
+  // then the products projected and norms. The models share p and k, and
+  // data the p and columns of the room; clears state_data.
+  void prepare(std::span<const StateSpaceModel* const> models, const EmData& data);
+  // After every start has written its states and missing terms:
+  // state_data += states Y'.
+  void finish(const EmData& data);
+  // Start b's sums of y x', p x k, into sum_yx.
+  void copy_sums(int b, Matrix* sum_yx) const;
+
+ private:
+  int starts_ = 0;
+  int k_ = 0;
+  Matrix H_rows_;       // (k p) x B
+  Matrix R_inv_H_;      // p x (B k)
+  Matrix inverse_R_;    // p x B
+  Matrix log_R_;        // p x B
+  Matrix sum_log_R_;    // B
+  Matrix information_;  // k x k x B
+  Matrix projected_;    // (B k) x n
+  Matrix norms_;        // n x B
+  Matrix states_;       // (B k) x n
+  Matrix state_data_;   // (B k) x p
+};
+
+// Bytes a BatchProducts of these dimensions takes, in double precision.
+double batch_products_bytes(int p, int n_columns, int k, int starts);
+
+}  // namespace tarn

@@ -1,0 +1,67 @@
+#include "core/em_data.h"
+
+#include <algorithm>
+
+namespace tarn {
+
+namespace {
+
+// For each table column, whether a time point of some replicate reads it.
+std::vector<bool> read_columns(const DataSet& table) {
+  std::vector<bool> read(static_cast<std::size_t>(table.n_samples), false);
+  for (int r = 0; r < table.n_replicates; ++r) {
+    for (int t = 0; t < table.T; ++t) {
+      const int s = table.sample_at[static_cast<std::size_t>(r)][t];
+      if (s >= 0) read[static_cast<std::size_t>(s)] = true;
+    }
+  }
+  return read;
+}
+
+std::size_t cell(int i, int s, int p) {
+  return static_cast<std::size_t>(i) + static_cast<std::size_t>(s) * static_cast<std::size_t>(p);
+}
+
+}  // namespace
+
+EmData::EmData(const DataSet& table)
+    : table_(table), column_of_(static_cast<std::size_t>(table.n_samples), -1) {
+  const std::vector<bool> read = read_columns(table);
+  for (int s = 0; s < table.n_samples; ++s) {
+    if (!read[static_cast<std::size_t>(s)]) continue;
+    column_of_[static_cast<std::size_t>(s)] = columns();
+    read_.push_back(s);
+  }
+  const int p = table.p;
+  const int n = columns();
+  if (n < table.n_samples) {
+    compact_ = Matrix(p, n);
+    for (int j = 0; j < n; ++j) {
+      std::copy_n(table.Y.data() + cell(0, read_[static_cast<std::size_t>(j)], p), p,
+                  compact_.col(j));
+    }
+  }
+  squares_ = Matrix(p, n);
+  sum_squares_ = Matrix(p, 1);
+  const double* y = Y();
+  for (int j = 0; j < n; ++j) {
+    for (int i = 0; i < p; ++i) {
+      const double v = y[cell(i, j, p)];
+      squares_(i, j) = v * v;
+      sum_squares_[static_cast<std::size_t>(i)] += v * v;
+    }
+  }
+}
+
+const double* EmData::Y() const {
+  return compact_.size() > 0 || columns() == 0 ? compact_.data() : table_.Y.data();
+}
+
+double em_data_bytes(const DataSet& table) {
+  const std::vector<bool> read = read_columns(table);
+  const double n = static_cast<double>(std::count(read.begin(), read.end(), true));
+  const double copy = n < table.n_samples ? n : 0.0;
+  return 8.0 * static_cast<double>(table.p) * (n + copy + 1.0) + 4.0 * table.n_samples;
+}
+
+}  // namespace tarn

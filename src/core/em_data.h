@@ -1,0 +1,44 @@
+#pragma once
+// The data as the products of an E-step read it: the columns of Y that some
+// time point reads, their squares, and the sums of squares that stay the same
+// over a run.
+
+#include <vector>
+
+#include "core/data_set.h"
+#include "linalg/matrix.h"
+
+namespace tarn {
+
+class EmData {
+ public:
+  explicit EmData(const DataSet& table);
+
+  const DataSet& table() const { return table_; }
+  int p() const { return table_.p; }
+  // The number of read columns.
+  int columns() const { return static_cast<int>(read_.size()); }
+  // p x columns(), column-major; missing cells hold 0.0.
+  const double* Y() const;
+  // p x columns(): every cell of Y squared.
+  const double* squares() const { return squares_.data(); }
+  // p: the sum of squares of each object over the read columns.
+  const double* sum_squares() const { return sum_squares_.data(); }
+  // The place of table column s among the read columns, or -1 when no time
+  // point reads it (the earlier column of a repeated replicate and time).
+  int column_of(int s) const { return column_of_[static_cast<std::size_t>(s)]; }
+  const int* column_places() const { return column_of_.data(); }
+
+ private:
+  const DataSet& table_;
+  std::vector<int> column_of_;
+  std::vector<int> read_;  // the table columns read, in table order
+  Matrix compact_;         // the read columns, when some column is not read
+  Matrix squares_;
+  Matrix sum_squares_;
+};
+
+// Bytes an EmData of the table takes beyond the table, in double precision.
+double em_data_bytes(const DataSet& table);
+
+}  // namespace tarn
