@@ -109,6 +109,43 @@ void BM_em_pass_T60(benchmark::State& st) {
                          benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
+// One pass of kBatch starts side by side at T = 60: the E-step of all of
+// them, then each start's M-step. Counter starts: the batch size.
+constexpr int kBatch = 8;
+
+void BM_em_pass_batch_T60(benchmark::State& st) {
+  const int p = static_cast<int>(st.range(0));
+  const auto data = tarn_bench::make_data(p, 60, 1);
+  const EmData em_data(*data);
+  const auto start = tarn_bench::make_model(p, kK);
+  std::vector<std::unique_ptr<StateSpaceModel>> models;
+  std::vector<std::unique_ptr<EmBuffers>> buffers;
+  std::vector<const StateSpaceModel*> model_view;
+  std::vector<EmBuffers*> buffer_view;
+  for (int b = 0; b < kBatch; ++b) {
+    models.push_back(tarn_bench::make_model(p, kK, 11 + b));
+    buffers.push_back(std::make_unique<EmBuffers>(p, kK, 60, true));
+    prepare_F_constraint(&buffers.back()->workspace, kK);
+    model_view.push_back(models.back().get());
+    buffer_view.push_back(buffers.back().get());
+  }
+  BatchProducts products(p, em_data.columns(), kK, kBatch);
+  std::vector<double> llh(kBatch);
+  const EmSettings em;
+  for (auto _ : st) {
+    st.PauseTiming();
+    for (int b = 0; b < kBatch; ++b) copy_model(*start, models[static_cast<std::size_t>(b)].get());
+    st.ResumeTiming();
+    e_step_batch(model_view, em_data, buffer_view, &products, llh);
+    for (int b = 0; b < kBatch; ++b) {
+      const std::size_t i = static_cast<std::size_t>(b);
+      m_step(em, *data, buffers[i]->total_sums, models[i].get(), &buffers[i]->workspace);
+    }
+    benchmark::DoNotOptimize(llh.data());
+  }
+  st.counters["starts"] = kBatch;
+}
+
 void BM_two_products_T60(benchmark::State& st) {
   const auto data = tarn_bench::make_data(static_cast<int>(st.range(0)), 60, 1);
   TwoProducts products(*data);
@@ -147,6 +184,12 @@ void BM_em_m_step(benchmark::State& st) {
 
 BENCHMARK(BM_em_pass)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_em_pass_T60)
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_em_pass_batch_T60)
     ->Arg(100)
     ->Arg(1000)
     ->Arg(10000)

@@ -10,6 +10,33 @@ namespace {
 using small::at;
 using small::dim;
 
+// Missing rows: R[m] + h P h' and h P, the expectations given what is
+// observed, into yy and the sums of x y'; Y holds 0.0 there, so that the
+// product adds nothing to them. P and h P stay in registers where k is
+// fixed; the last h P is left in hP.
+template <int K>
+void add_missing_rows(const StateSpaceModel& model, const StartProducts& products,
+                      const int* missing, const double* P, double* yy, double* hP) {
+  const int k = dim<K>(model.k());
+  double local_P[K > 0 ? K * K : 1];
+  double local_hP[K > 0 ? K : 1];
+  const double* p = P;
+  double* hp = hP;
+  if constexpr (K > 0) {
+    small::copy(K * K, P, local_P);
+    p = local_P;
+    hp = local_hP;
+  }
+  for (const int* m = missing; *m != -1; ++m) {
+    const double* h = products.H_rows + static_cast<std::size_t>(*m) * k;
+    small::gemv<K>(k, 1.0, p, h, 1, 0.0, hp);
+    yy[*m] += model.R[*m] + small::dot(k, h, 1, hp);
+    double* xy_object = products.state_data + static_cast<std::size_t>(*m) * products.ld;
+    for (int c = 0; c < k; ++c) xy_object[c] += hp[c];
+  }
+  if (K > 0 && *missing != -1) small::copy(k, hp, hP);
+}
+
 // The sums of one replicate from its smoothed trajectory: the state sums into
 // state_sums, the missing rows' expectations into yy and products.state_data,
 // and the states for the product that adds the observed rows' y x'.
@@ -21,7 +48,6 @@ void sum_series(const StateSpaceModel& model, const ReplicateView& series, const
   const int T = s.T;
   double* P = w->second_moment.data();
   double* hP = w->vector_scratch.data();
-  double* xy = products.state_data;
   sums->reset(k);
   small::copy(k, s.smoothed_mean[0], sums->sum_x0.data());
   for (int t = 0; t < T; ++t) {
@@ -38,15 +64,7 @@ void sum_series(const StateSpaceModel& model, const ReplicateView& series, const
     // P = Vs[t+1] + Xs[t+1] Xs[t+1]'.
     small::copy(kk, s.smoothed_cov[t + 1], P);
     small::ger<K>(k, 1.0, s.smoothed_mean[t + 1], s.smoothed_mean[t + 1], P);
-    // Missing rows: R[m] + h P h' and h P, the expectations given what is
-    // observed; Y holds 0.0 there, so that the product adds nothing to them.
-    for (const int* m = series.missing[col]; *m != -1; ++m) {
-      const double* h = products.H_rows + static_cast<std::size_t>(*m) * k;
-      small::gemv<K>(k, 1.0, P, h, 1, 0.0, hP);
-      yy[*m] += model.R[*m] + small::dot(k, h, 1, hP);
-      double* xy_object = xy + static_cast<std::size_t>(*m) * products.ld;
-      for (int c = 0; c < k; ++c) xy_object[c] += hP[c];
-    }
+    add_missing_rows<K>(model, products, series.missing[col], P, yy, hP);
     small::axpy(kk, 1.0, P, sums->sum_xx_observed.data());
   }
 }

@@ -58,6 +58,21 @@ void e_step_batch(std::span<const StateSpaceModel* const> models, const EmData& 
 void m_step(const EmSettings& settings, const DataSet& data, const SufficientStats& sums,
             StateSpaceModel* model, Workspace* work);
 
+// Starts of one dimension that advance together: their models, buffers and
+// logs, and the products they share. Each start holds its own random model.
+struct EmBatch {
+  std::span<StateSpaceModel* const> models;
+  std::span<EmBuffers* const> buffers;
+  std::span<std::FILE* const> logs;
+  BatchProducts* products;  // room for all of them
+};
+
+// run_em for every start of the batch, in lockstep: one E-step for all the
+// starts still running, then each its own tests, M-step and progress line, to
+// its own log. A start's result is that of its run alone, to rounding.
+void run_em_batch(const EmSettings& settings, const EmData& data, const EmBatch& batch,
+                  std::span<Estimate> results);
+
 // Runs EM on model from the model it holds until the likelihood settles, the
 // loop limit is reached or the likelihood turns NaN; progress lines go to log.
 Estimate run_em(const EmSettings& settings, const EmData& data, StateSpaceModel* model,

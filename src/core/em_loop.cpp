@@ -1,5 +1,6 @@
 #include <cfloat>
 #include <cmath>
+#include <vector>
 
 #include "core/em.h"
 
@@ -20,44 +21,97 @@ double bic_of(double llh, int p, int k, const EmSettings& settings, int n_sample
 
 }  // namespace
 
-Estimate run_em(const EmSettings& settings, const EmData& data, StateSpaceModel* model,
-                EmBuffers* buffers, BatchProducts* products, std::FILE* log) {
+namespace {
+
+// One start's EM loop between its E-steps.
+struct EmLoop {
   int i = 0;
   double prev = -DBL_MAX;
   bool monotone = true;
   double llh = 0.0;
   bool converged = false;
-  for (;;) {
-    llh = e_step(*model, data, buffers, products);
-    if (i > settings.em_loop / 10 && std::isnan(llh)) {
-      converged = false;
-      break;
-    }
-    double diff = llh - prev;
-    if (settings.abs_converge != 0) diff = std::fabs(diff);
-    if (diff < 0.0) monotone = false;
-    if (!std::isnan(llh) && settings.converge > diff) {
-      converged = true;
-      break;
-    }
-    if (i == settings.em_loop - 1) {
-      converged = false;
-      break;
-    }
-    m_step(settings, data.table(), buffers->total_sums, model, &buffers->workspace);
-    prev = llh;
-    ++i;
-    if (settings.verbose >= 2) {
-      std::fprintf(log, "(%d) llh = %f\n", i, llh);
-      std::fflush(log);
-    }
+};
+
+// The part of a pass after the E-step that gave llh: the stopping rules, then
+// the M-step and the progress line. False when the start stops here.
+bool go_on(const EmSettings& settings, const EmData& data, double llh, StateSpaceModel* model,
+           EmBuffers* buffers, std::FILE* log, EmLoop* loop) {
+  loop->llh = llh;
+  if (loop->i > settings.em_loop / 10 && std::isnan(llh)) {
+    loop->converged = false;
+    return false;
   }
-  if (settings.verbose > 0) {
-    std::fprintf(log, "SSM_EM_algo(): Estimation finished. llh=%f\n", llh);
+  double diff = llh - loop->prev;
+  if (settings.abs_converge != 0) diff = std::fabs(diff);
+  if (diff < 0.0) loop->monotone = false;
+  if (!std::isnan(llh) && settings.converge > diff) {
+    loop->converged = true;
+    return false;
+  }
+  if (loop->i == settings.em_loop - 1) {
+    loop->converged = false;
+    return false;
+  }
+  m_step(settings, data.table(), buffers->total_sums, model, &buffers->workspace);
+  loop->prev = llh;
+  ++loop->i;
+  if (settings.verbose >= 2) {
+    std::fprintf(log, "(%d) llh = %f\n", loop->i, llh);
     std::fflush(log);
   }
-  const double bic = bic_of(llh, data.p(), model->k(), settings, data.table().n_samples);
-  return Estimate{llh, bic, monotone, converged, i + 1, model};
+  return true;
+}
+
+Estimate finish(const EmSettings& settings, const EmData& data, const EmLoop& loop,
+                StateSpaceModel* model, std::FILE* log) {
+  if (settings.verbose > 0) {
+    std::fprintf(log, "SSM_EM_algo(): Estimation finished. llh=%f\n", loop.llh);
+    std::fflush(log);
+  }
+  const double bic = bic_of(loop.llh, data.p(), model->k(), settings, data.table().n_samples);
+  return Estimate{loop.llh, bic, loop.monotone, loop.converged, loop.i + 1, model};
+}
+
+}  // namespace
+
+void run_em_batch(const EmSettings& settings, const EmData& data, const EmBatch& batch,
+                  std::span<Estimate> results) {
+  const std::size_t n = batch.models.size();
+  std::vector<EmLoop> loops(n);
+  std::vector<std::size_t> active(n);
+  for (std::size_t b = 0; b < n; ++b) active[b] = b;
+  std::vector<const StateSpaceModel*> models(n);
+  std::vector<EmBuffers*> buffers(n);
+  std::vector<double> llh(n);
+  while (!active.empty()) {
+    const std::size_t m = active.size();
+    for (std::size_t a = 0; a < m; ++a) {
+      models[a] = batch.models[active[a]];
+      buffers[a] = batch.buffers[active[a]];
+    }
+    e_step_batch({models.data(), m}, data, {buffers.data(), m}, batch.products, {llh.data(), m});
+    std::size_t kept = 0;
+    for (std::size_t a = 0; a < m; ++a) {
+      const std::size_t b = active[a];
+      StateSpaceModel* model = batch.models[b];
+      if (go_on(settings, data, llh[a], model, batch.buffers[b], batch.logs[b], &loops[b])) {
+        active[kept++] = b;
+      } else {
+        results[b] = finish(settings, data, loops[b], model, batch.logs[b]);
+      }
+    }
+    active.resize(kept);
+  }
+}
+
+Estimate run_em(const EmSettings& settings, const EmData& data, StateSpaceModel* model,
+                EmBuffers* buffers, BatchProducts* products, std::FILE* log) {
+  StateSpaceModel* models[] = {model};
+  EmBuffers* start_buffers[] = {buffers};
+  std::FILE* logs[] = {log};
+  Estimate result{};
+  run_em_batch(settings, data, EmBatch{models, start_buffers, logs, products}, {&result, 1});
+  return result;
 }
 
 }  // namespace tarn

@@ -59,8 +59,13 @@ FilterTerms prepare_terms(const StateSpaceModel& model, int p, int k, Workspace*
     log_R[i] = std::log(model.R[i]);
     sum_log_R += log_R[i];
   }
-  return FilterTerms{model.H.data(), 1, static_cast<std::size_t>(p), w->R_inv_H.data(),
-                     w->information.data(), log_R, sum_log_R};
+  return FilterTerms{model.H.data(),
+                     1,
+                     static_cast<std::size_t>(p),
+                     w->R_inv_H.data(),
+                     w->information.data(),
+                     log_R,
+                     sum_log_R};
 }
 
 // predicted_mean[t] = F filtered_mean[t], predicted_cov[t] = (F filtered_cov[t]) F' + diag(Q),
@@ -153,8 +158,8 @@ bool expanded_innovation(int k_, const double* g, double y_Rinv_y, const double*
 // -0.5 (e' S^-1 e + log det S + n log 2 pi), evaluated without S from the
 // update's b, u and B. e_Rinv_e is the sum of e[i]^2 / R[i].
 template <int K>
-double likelihood_term(int p, int k_, double e_Rinv_e, const int* missing,
-                       const FilterTerms& terms, Workspace* w) {
+double likelihood_term(int p, int k_, double e_Rinv_e, const int* missing, const FilterTerms& terms,
+                       Workspace* w) {
   const int k = dim<K>(k_);
   const double q =
       e_Rinv_e - small::dot(k, w->projected_innovation.data(), 1, w->correction.data());
@@ -174,6 +179,22 @@ double likelihood_term(int p, int k_, double e_Rinv_e, const int* missing,
   return -0.5 * (q + r + c - d);
 }
 
+// A = H' R^-1 H over the observed rows: each missing row taken out again, in
+// a copy the compiler can keep in registers where k is fixed.
+template <int K>
+void observed_information(int k_, const FilterTerms& terms, const double* R, const int* missing,
+                          double* A) {
+  const int k = dim<K>(k_);
+  double local[K > 0 ? K * K : 1];
+  double* a = K > 0 ? local : A;
+  small::copy(k * k, terms.information, a);
+  for (const int* m = missing; *m != -1; ++m) {
+    const double* h = terms.H_rows + *m * terms.row_step;
+    small::ger<K>(k, -1.0 / R[*m], h, h, a, terms.element_step);
+  }
+  if constexpr (K > 0) small::copy(k * k, local, A);
+}
+
 // One observed time point: its column of Y with its missing rows, and, where
 // the products with the data were formed, their values for the column.
 struct Observation {
@@ -186,8 +207,8 @@ struct Observation {
 // The measurement update of time point t; returns the sum of e[i]^2 / R[i].
 // Writes filtered_mean[t + 1] and filtered_cov[t + 1].
 template <int K>
-double update(const StateSpaceModel& model, const FilterTerms& terms, const Observation& obs,
-              int t, Trajectory* s, Workspace* w) {
+double update(const StateSpaceModel& model, const FilterTerms& terms, const Observation& obs, int t,
+              Trajectory* s, Workspace* w) {
   const int p = model.p();
   const int k = dim<K>(model.k());
   const int kk = k * k;
@@ -200,12 +221,7 @@ double update(const StateSpaceModel& model, const FilterTerms& terms, const Obse
   double* G = w->square_a.data();
   double* lu = w->square_b.data();
   int* ipiv = w->pivots.get();
-  // A = H' R^-1 H over the observed rows: take each missing row out again.
-  small::copy(kk, terms.information, A);
-  for (const int* m = obs.missing; *m != -1; ++m) {
-    const double* h = terms.H_rows + *m * terms.row_step;
-    small::ger<K>(k, -1.0 / R[*m], h, h, A, terms.element_step);
-  }
+  observed_information<K>(k, terms, R, obs.missing, A);
   double e_Rinv_e = 0.0;
   if (obs.projected == nullptr ||
       !expanded_innovation<K>(k, obs.projected, obs.y_Rinv_y, A, xp, b, &e_Rinv_e)) {
@@ -249,9 +265,8 @@ Observation observe(const ReplicateView& series, const StartProducts* products, 
 }
 
 template <int K>
-double filter(const StateSpaceModel& model, const ReplicateView& series,
-              const FilterTerms& terms, const StartProducts* products, Trajectory* s,
-              Workspace* work) {
+double filter(const StateSpaceModel& model, const ReplicateView& series, const FilterTerms& terms,
+              const StartProducts* products, Trajectory* s, Workspace* work) {
   const int p = model.p();
   const int k = dim<K>(model.k());
   const int T = static_cast<int>(series.sample_at.size());
@@ -300,7 +315,8 @@ double run_filter(const StateSpaceModel& model, const ReplicateView& series, Tra
 
 double run_filter(const StateSpaceModel& model, const ReplicateView& series,
                   const StartProducts& products, Trajectory* trajectory, Workspace* work) {
-  const FilterTerms terms{products.H_rows,          static_cast<std::size_t>(model.k()),
+  const FilterTerms terms{products.H_rows,
+                          static_cast<std::size_t>(model.k()),
                           1,
                           products.R_inv_H,
                           products.information,

@@ -38,8 +38,9 @@ Status run_array_task(const RunContext& context) {
   if (Status dims = require_dimensions({&k, 1}); !dims.ok()) return dims;
 
   const EmData em_data(context.data);
-  EstimationRecords rec(em_data, k, settings.em.constrain_F);
-  if (settings.em.constrain_F != 0) prepare_F_constraint(&rec.buffers->workspace, k);
+  EstimationRecords rec(em_data, k, settings.em.constrain_F,
+                        batch_size(settings.init, context.job.starts));
+  if (settings.em.constrain_F != 0) rec.prepare_F_constraint(k);
   StartGuard guard(settings.em.retry);
   const StartContext starts{settings.em, settings.init, em_data, log, &guard, true};
   std::fprintf(log, "Starting the SSM estimation.\n");
@@ -49,8 +50,8 @@ Status run_array_task(const RunContext& context) {
   std::fprintf(log, "Finished: dim=%d, likelihood=%f\n", k, result->log_likelihood);
   std::fflush(log);
   const bool usable = is_usable_likelihood(result->log_likelihood) && result->monotone;
-  if (Status written = finish_set(context, usable ? &result.value() : nullptr, set.number,
-                                  rec.buffers.get(), log);
+  if (Status written =
+          finish_set(context, usable ? &result.value() : nullptr, set.number, rec.last, log);
       !written.ok())
     return written;
   std::fprintf(log, "\n");

@@ -1,6 +1,8 @@
 #include "run/em_starts.h"
 
 #include <cfloat>
+#include <cstdlib>
+#include <new>
 #include <utility>
 
 #include "core/initial_model.h"
@@ -15,55 +17,114 @@ void warn_retry_limit(std::FILE* log) {
   std::fflush(log);
 }
 
+// A stream in memory for one start's log lines.
+class LogBuffer {
+ public:
+  LogBuffer() : stream_(open_memstream(&text_, &size_)) {
+    if (stream_ == nullptr) throw std::bad_alloc();
+  }
+  ~LogBuffer() {
+    if (stream_ != nullptr) std::fclose(stream_);
+    std::free(text_);
+  }
+  LogBuffer(const LogBuffer&) = delete;
+  LogBuffer& operator=(const LogBuffer&) = delete;
+  std::FILE* stream() const { return stream_; }
+  std::string take() {
+    std::fclose(stream_);
+    stream_ = nullptr;
+    return std::string(text_, size_);
+  }
+
+ private:
+  char* text_ = nullptr;
+  std::size_t size_ = 0;
+  std::FILE* stream_;
+};
+
 }  // namespace
 
-Result<Estimate> estimate_start(const StartContext& context, int k, StateSpaceModel* working,
-                                EstimationRecords* rec) {
-  const EmSettings& em = context.em;
-  int count = 0;
-  for (;;) {
-    // The run's one random stream, shared by the threads.
-#pragma omp critical
-    draw_initial_model(context.init, context.data.table(), k, working);
-    if (context.show_initial_model && em.verbose > 0) {
-      write_model(working, context.data.p(), k, context.log);
-    }
-    const Estimate res =
-        run_em(em, context.data, working, rec->buffers.get(), rec->products.get(), context.log);
-    if (em.retry >= 0 && count >= em.retry) {
-      warn_retry_limit(context.log);
-      return res;
-    }
-    if (is_usable_likelihood(res.log_likelihood) && res.monotone) {
-      context.guard->note_success();
-      if (em.retry != -1 && count >= em.retry) warn_retry_limit(context.log);
-      return res;
-    }
-    ++count;
-    if (context.guard->gives_up(count)) return Status::error(StartGuard::message(k));
-    if (context.guard->stopped()) return res;
-    std::fprintf(context.log, "Estimation failed.  Retrying (%d)...\n", count);
-    std::fflush(context.log);
+BatchOutcome run_batch(const StartContext& context, int k, int n, EstimationRecords* rec) {
+  BatchOutcome out;
+  std::vector<LogBuffer> buffers(static_cast<std::size_t>(n));
+  std::vector<StateSpaceModel*> models;
+  std::vector<EmBuffers*> em_buffers;
+  std::vector<std::FILE*> logs;
+  for (int b = 0; b < n; ++b) {
+    models.push_back(rec->working[static_cast<std::size_t>(b)].get());
+    em_buffers.push_back(rec->buffers[static_cast<std::size_t>(b)].get());
+    logs.push_back(buffers[static_cast<std::size_t>(b)].stream());
   }
+  // The run's one random stream, shared by the threads.
+#pragma omp critical
+  for (int b = 0; b < n; ++b) {
+    draw_initial_model(context.init, context.data.table(), k, models[static_cast<std::size_t>(b)]);
+    out.after_draws.push_back(*context.init.stream);
+  }
+  if (context.show_initial_model && context.em.verbose > 0) {
+    for (int b = 0; b < n; ++b)
+      write_model(models[static_cast<std::size_t>(b)], context.data.p(), k,
+                  logs[static_cast<std::size_t>(b)]);
+  }
+  out.results.resize(static_cast<std::size_t>(n));
+  run_em_batch(context.em, context.data, EmBatch{models, em_buffers, logs, rec->products.get()},
+               out.results);
+  for (LogBuffer& buffer : buffers) out.logs.push_back(buffer.take());
+  return out;
+}
+
+Result<Verdict> judge_attempt(const StartContext& context, int k, const Estimate& attempt,
+                              int* count) {
+  const EmSettings& em = context.em;
+  if (em.retry >= 0 && *count >= em.retry) {
+    warn_retry_limit(context.log);
+    return Verdict::kKept;
+  }
+  if (is_usable_likelihood(attempt.log_likelihood) && attempt.monotone) {
+    context.guard->note_success();
+    if (em.retry != -1 && *count >= em.retry) warn_retry_limit(context.log);
+    return Verdict::kKept;
+  }
+  ++*count;
+  if (context.guard->gives_up(*count)) return Status::error(StartGuard::message(k));
+  if (context.guard->stopped()) return Verdict::kKept;
+  std::fprintf(context.log, "Estimation failed.  Retrying (%d)...\n", *count);
+  std::fflush(context.log);
+  return Verdict::kRetried;
 }
 
 Result<Estimate> estimate_set(const StartContext& context, int k, int starts,
                               EstimationRecords* rec) {
-  StateSpaceModel* working = rec->working.get();
-  StateSpaceModel* keeper = rec->spare.get();
   Estimate best{-DBL_MAX, -DBL_MAX, false, false, -1, nullptr};
-  for (int n = 0; n < starts;) {
-    const Result<Estimate> res = estimate_start(context, k, working, rec);
-    if (!res.ok()) return res;
-    ++n;
-    std::fprintf(context.log, "%d: Loops=%d, Likelihood=%f\n", n, res->loops, res->log_likelihood);
-    std::fflush(context.log);
-    if (res->log_likelihood > best.log_likelihood) {
-      best = res.value();
-      std::swap(working, keeper);
+  int failed = 0;  // failed attempts of the next start
+  for (int done = 0; done < starts;) {
+    const int n = std::min(rec->batch(), starts - done);
+    const BatchOutcome batch = run_batch(context, k, n, rec);
+    for (int b = 0; b < n; ++b) {
+      const std::size_t slot = static_cast<std::size_t>(b);
+      std::fputs(batch.logs[slot].c_str(), context.log);
+      std::fflush(context.log);
+      rec->last = rec->buffers[slot].get();
+      const Result<Verdict> verdict = judge_attempt(context, k, batch.results[slot], &failed);
+      if (!verdict.ok()) return verdict.status();
+      if (verdict.value() == Verdict::kRetried) {
+        // The attempt after a failed one draws where the failed one ended:
+        // the starts after it in the batch draw again.
+        *context.init.stream = batch.after_draws[slot];
+        break;
+      }
+      failed = 0;
+      const Estimate& res = batch.results[slot];
+      std::fprintf(context.log, "%d: Loops=%d, Likelihood=%f\n", ++done, res.loops,
+                   res.log_likelihood);
+      std::fflush(context.log);
+      if (res.log_likelihood > best.log_likelihood) {
+        best = res;
+        std::swap(rec->working[slot], rec->best);
+      }
     }
   }
-  best.model = keeper;
+  best.model = rec->best.get();
   return best;
 }
 

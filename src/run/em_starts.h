@@ -1,9 +1,13 @@
 #pragma once
 // The random starts of one set under the run's retry policy: an estimation
 // from a fresh random model is retried while it cannot be trusted, up to
-// --retry times, and the best by log-likelihood is kept.
+// --retry times, and the best by log-likelihood is kept. Starts advance in
+// batches over the same data, with the random draws, retries and log lines
+// of starts run one after the other.
 
 #include <cstdio>
+#include <string>
+#include <vector>
 
 #include "core/em.h"
 #include "io/status.h"
@@ -22,14 +26,28 @@ struct StartContext {
   bool show_initial_model;  // -v: print each random model (single and array modes)
 };
 
-// One start of dimension k in working: attempts until one can be trusted or
-// the retry limit lets the last one through. Fails when the guard gives up;
-// stops retrying, its result to be dropped, once the guard is stopped.
-Result<Estimate> estimate_start(const StartContext& context, int k, StateSpaceModel* working,
-                                EstimationRecords* rec);
+// The first attempts of n starts, side by side in the first n records.
+struct BatchOutcome {
+  std::vector<Estimate> results;
+  std::vector<std::string> logs;          // what each start printed, in order
+  std::vector<RandomStream> after_draws;  // the run's stream after each start's draw
+};
 
-// The starts of one set, one after the other, logged; the best of them, its
-// model in rec.
+// Draws the random models of n starts of dimension k in order (under one lock,
+// the stream being the run's) and runs them side by side.
+BatchOutcome run_batch(const StartContext& context, int k, int n, EstimationRecords* rec);
+
+// What becomes of an attempt.
+enum class Verdict { kKept, kRetried };
+
+// Judges the attempt of a start after count failed ones, printing what the
+// policy prints: kept, or retried (count is then one more). Fails when the
+// guard gives up; an attempt is kept once the guard is stopped, to be dropped.
+Result<Verdict> judge_attempt(const StartContext& context, int k, const Estimate& attempt,
+                              int* count);
+
+// The starts of one set, in batches, logged; the best of them, its model in
+// rec->best.
 Result<Estimate> estimate_set(const StartContext& context, int k, int starts,
                               EstimationRecords* rec);
 

@@ -23,14 +23,6 @@ bool unlimited_retries(const RunSettings& settings) {
   return settings.em.retry < 0;
 }
 
-// Records of one estimating thread: two models, the tables over time, the
-// sums, the scratch and the products with the data, all for dimension k.
-double records_bytes(const DataSet& data, int k, int constrain_F) {
-  return 2.0 * model_bytes(data.p, k) + trajectory_bytes(k, data.T) +
-         sufficient_stats_bytes(data.p, k) + workspace_bytes(data.p, k, constrain_F != 0) +
-         batch_products_bytes(data.p, data.n_samples, k, 1);
-}
-
 // The table, and what the products read of it.
 double data_bytes(const DataSet& data) {
   return 8.0 * static_cast<double>(data.Y.size()) +
@@ -62,7 +54,8 @@ double mode_bytes(const RunSettings& settings, const DataSet& data) {
   int k = 0;
   double threads = 1.0;
   if (!mode_records(settings, &k, &threads)) return 0.0;
-  const double per_thread = records_bytes(data, k, settings.em.constrain_F);
+  const double per_thread = records_bytes(data, k, settings.em.constrain_F,
+                                          batch_size(settings.init, settings.iterations));
   if (settings.sge != 0 || settings.threads == 1) return per_thread;
   const double sets = static_cast<double>(settings.dims.size()) * settings.sets;
   return threads * per_thread + std::min(threads, sets) * model_bytes(data.p, k);

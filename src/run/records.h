@@ -1,22 +1,42 @@
 #pragma once
 // The working records of an estimation, made once for the largest state
-// dimension they are to serve.
+// dimension they are to serve, for a batch of starts that advance together.
 
 #include <memory>
+#include <vector>
 
 #include "core/data_set.h"
 #include "core/em.h"
+#include "core/options.h"
 
 namespace tarn {
 
+// The most starts of a set that advance together.
+constexpr int kBatchStarts = 8;
+
+// How many starts of a set advance together: up to kBatchStarts, and one at a
+// time where a start's random model depends on how the one before ended (an
+// empty range for F leaves F as the model record held it).
+int batch_size(const InitialModelSettings& init, int starts);
+
 struct EstimationRecords {
-  EstimationRecords(const EmData& data, int k, int constrain_F);
-  // The model a start works on, and the best so far; the restarts of a set
-  // swap their roles.
-  std::unique_ptr<StateSpaceModel> working;
-  std::unique_ptr<StateSpaceModel> spare;
-  std::unique_ptr<EmBuffers> buffers;
+  EstimationRecords(const EmData& data, int k, int constrain_F, int batch);
+
+  int batch() const { return static_cast<int>(working.size()); }
+  // The constraint on the diagonal of F, for dimension k, in every workspace.
+  void prepare_F_constraint(int k);
+
+  // Per start of a batch: the model it works on and its buffers. A start
+  // that is the best of its set so far swaps its model with best.
+  std::vector<std::unique_ptr<StateSpaceModel>> working;
+  std::vector<std::unique_ptr<EmBuffers>> buffers;
+  std::unique_ptr<StateSpaceModel> best;
   std::unique_ptr<BatchProducts> products;
+  // The buffers of the start that ran last, in the order of the starts.
+  EmBuffers* last = nullptr;
 };
+
+// Bytes the records of a batch take, in double precision.
+double records_bytes(const DataSet& data, int k, int constrain_F, int batch);
 
 }  // namespace tarn

@@ -17,7 +17,7 @@ Status run_dimension(const RunContext& context, int dim_index, const StartContex
   std::fprintf(log, "========================================\n");
   std::fprintf(log, "= Start the loop for dim=%d\n", k);
   std::fflush(log);
-  if (starts.em.constrain_F != 0) prepare_F_constraint(&rec->buffers->workspace, k);
+  if (starts.em.constrain_F != 0) rec->prepare_F_constraint(k);
   int s = 0;
   for (const PlannedSet& set : job.sets) {
     if (set.dim_index != dim_index) continue;
@@ -31,8 +31,8 @@ Status run_dimension(const RunContext& context, int dim_index, const StartContex
     std::fprintf(log, "%s\nX-SINGLE-TIME:\t%f\n", format_duration(t).c_str(), t);
     std::fflush(log);
     const bool usable = is_usable_likelihood(result->log_likelihood) && result->monotone;
-    if (Status written = finish_set(context, usable ? &result.value() : nullptr, set.number,
-                                    rec->buffers.get(), log);
+    if (Status written =
+            finish_set(context, usable ? &result.value() : nullptr, set.number, rec->last, log);
         !written.ok())
       return written;
   }
@@ -54,7 +54,8 @@ Status run_single_mode(const RunContext& context) {
   if (Status dims = require_dimensions(context.job.dims); !dims.ok()) return dims;
 
   const EmData em_data(context.data);
-  EstimationRecords rec(em_data, max_k, settings.em.constrain_F);
+  EstimationRecords rec(em_data, max_k, settings.em.constrain_F,
+                        batch_size(settings.init, context.job.starts));
   StartGuard guard(settings.em.retry);
   const StartContext starts{settings.em, settings.init, em_data, log, &guard, true};
   const int n_dims = static_cast<int>(context.job.dims.size());

@@ -1,5 +1,6 @@
 #include <omp.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -36,45 +37,84 @@ SetLog write_set(const RunContext& context, const Estimate* best, int number,
   std::FILE* buffer = open_memstream(&text, &size);
   if (buffer == nullptr) throw std::bad_alloc();
   SetLog out;
-  out.status = finish_set(context, best, number, rec->buffers.get(), buffer);
+  out.status = finish_set(context, best, number, rec->last, buffer);
   std::fclose(buffer);
   out.lines.assign(text, size);
   std::free(text);
   return out;
 }
 
-// A thread's part: it takes the next start of the job until none is left or
-// the run has failed.
+// The starts of a batch, in order, each as its set's next finished start:
+// an attempt that fails is retried alone in the first record, which the
+// starts before it no longer need. Returns the place's count of finished
+// starts after the last, or the error that ends the run.
+Result<int> finish_batch(const StartContext& starts, const PlannedSet& set, int place,
+                         BatchOutcome* batch, EstimationRecords* rec, SetBests* bests) {
+  const int me = omp_get_thread_num();
+  int finished = 0;
+  for (std::size_t b = 0; b < batch->results.size(); ++b) {
+    Estimate attempt = batch->results[b];
+    std::string lines = std::move(batch->logs[b]);
+    for (int failed = 0;;) {
+#pragma omp critical
+      {
+        std::fputs(lines.c_str(), starts.log);
+        std::fflush(starts.log);
+      }
+      const Result<Verdict> verdict = judge_attempt(starts, set.k, attempt, &failed);
+      if (!verdict.ok()) return verdict.status();
+      rec->last = rec->buffers[failed > 0 ? 0 : b].get();
+      if (verdict.value() == Verdict::kKept) break;
+      BatchOutcome again = run_batch(starts, set.k, 1, rec);
+      attempt = again.results.front();
+      lines = std::move(again.logs.front());
+    }
+    bool stopped = false;
+#pragma omp critical
+    {
+      stopped = starts.guard->stopped();
+      if (!stopped) finished = bests->add_start(place, me, attempt, starts.log);
+    }
+    if (stopped) break;
+  }
+  return finished;
+}
+
+// A thread's part: it takes the next batch of starts of the job until none
+// is left or the run has failed.
 void work_through_tasks(const RunContext& context, const StartContext& starts, SetBests* bests,
                         TeamState* team) {
   const Job& job = context.job;
-  const std::size_t n_tasks = job.sets.size() * static_cast<std::size_t>(job.starts);
-  const int me = omp_get_thread_num();
+  const int batch = batch_size(starts.init, job.starts);
+  const std::size_t per_set = static_cast<std::size_t>((job.starts + batch - 1) / batch);
+  const std::size_t n_tasks = job.sets.size() * per_set;
   // Private records for the largest dim.
-  EstimationRecords rec(starts.data, max_dimension(job.dims), starts.em.constrain_F);
+  EstimationRecords rec(starts.data, max_dimension(job.dims), starts.em.constrain_F, batch);
   int prepared_k = -1;
   for (;;) {
     std::size_t task = n_tasks;
 #pragma omp critical
     if (!starts.guard->stopped() && team->next_task < n_tasks) task = team->next_task++;
     if (task == n_tasks) break;
-    const int place = static_cast<int>(task / static_cast<std::size_t>(job.starts)) + 1;
+    const int place = static_cast<int>(task / per_set) + 1;
+    const int first = static_cast<int>(task % per_set) * batch;
     const PlannedSet& set = job.sets[static_cast<std::size_t>(place - 1)];
     if (starts.em.constrain_F != 0 && set.k != prepared_k) {
-      prepare_F_constraint(&rec.buffers->workspace, set.k);
+      rec.prepare_F_constraint(set.k);
       prepared_k = set.k;
     }
-    const Result<Estimate> result = estimate_start(starts, set.k, rec.working.get(), &rec);
+    BatchOutcome outcome = run_batch(starts, set.k, std::min(batch, job.starts - first), &rec);
+    const Result<int> finished = finish_batch(starts, set, place, &outcome, &rec, bests);
     bool stop = false;
     bool set_done = false;
 #pragma omp critical
     {
-      if (!result.ok() && !starts.guard->stopped()) {
-        team->error = result.status();
+      if (!finished.ok() && !starts.guard->stopped()) {
+        team->error = finished.status();
         starts.guard->stop();
       }
       stop = starts.guard->stopped();
-      set_done = !stop && bests->add_start(place, me, result.value(), context.log) == job.starts;
+      set_done = !stop && finished.value() == job.starts;
     }
     // The set's files are written outside the lock; its log lines are
     // gathered and printed together.
