@@ -14,12 +14,10 @@ BatchProducts::BatchProducts(int p, int n_columns, int max_k, int max_starts)
       sum_log_R_(max_starts, 1),
       information_(max_k * max_k, max_starts),
       projected_(max_k * max_starts, n_columns),
-      norms_(n_columns, max_starts),
       states_(max_k * max_starts, n_columns),
       state_data_(max_k * max_starts, p) {}
 
 StartProducts BatchProducts::start(int b) {
-  const int n = norms_.rows();
   const int kk = k_ * k_;
   const std::size_t k_by_p = static_cast<std::size_t>(k_) * R_inv_H_.rows();
   return StartProducts{H_rows_.data() + b * k_by_p,
@@ -28,7 +26,7 @@ StartProducts BatchProducts::start(int b) {
                        log_R_.col(b),
                        sum_log_R_[static_cast<std::size_t>(b)],
                        projected_.data() + static_cast<std::size_t>(b) * k_,
-                       norms_.data() + static_cast<std::size_t>(b) * n,
+                       inverse_R_.col(b),
                        states_.data() + static_cast<std::size_t>(b) * k_,
                        starts_ * k_,
                        state_data_.data() + static_cast<std::size_t>(b) * k_};
@@ -82,13 +80,6 @@ void BatchProducts::prepare(std::span<const StateSpaceModel* const> models, cons
   if (n == 0) return;
   dgemm_("T", "N", &rows, &n, &p, &blas::kOne, R_inv_H_.data(), &p, data.Y(), &p, &blas::kZero,
          projected_.data(), &rows);
-  if (starts_ == 1) {
-    dgemv_("T", &p, &n, &blas::kOne, data.squares(), &p, inverse_R_.data(), &blas::kIncOne,
-           &blas::kZero, norms_.data(), &blas::kIncOne);
-  } else {
-    dgemm_("T", "N", &n, &starts_, &p, &blas::kOne, data.squares(), &p, inverse_R_.data(), &p,
-           &blas::kZero, norms_.data(), &n);
-  }
 }
 
 void BatchProducts::finish(const EmData& data) {
@@ -112,7 +103,7 @@ void BatchProducts::copy_sums(int b, Matrix* sum_yx) const {
 
 double batch_products_bytes(int p, int n_columns, int k, int starts) {
   const double P = p, N = n_columns, K = k, B = starts;
-  return 8.0 * B * (3.0 * P * K + 3.0 * P + 1.0 + K * K + 2.0 * K * N + N);
+  return 8.0 * B * (3.0 * P * K + 3.0 * P + 1.0 + K * K + 2.0 * K * N);
 }
 
 }  // namespace tarn

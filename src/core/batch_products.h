@@ -5,7 +5,6 @@
 // all time points and all starts at once, as matrix products:
 //
 //   projected = [R1^-1 H1 ... RB^-1 HB]' Y    (B k x n): H'R^-1 y of every read column
-//   norms     = (Y o Y)' [1/R1 ... 1/RB]       (n x B):  y'R^-1 y of every read column
 //   state_data += [X1; ...; XB] Y'             (B k x p): the sums of x y' of every
 //                                              object, once the smoothed states X are in
 //
@@ -28,7 +27,7 @@ struct StartProducts {
   const double* log_R;        // p
   double sum_log_R;
   const double* projected;  // read column j: k values at projected + j * ld
-  const double* norms;      // read column j: y'R^-1 y at norms[j]
+  const double* inverse_R;  // p: 1 / R
   double* states;           // read column j: the smoothed state, k values at states + j * ld
   int ld;                   // B k
   double* state_data;       // object i: k sums of x y[i] at state_data + i * ld
@@ -44,7 +43,7 @@ class BatchProducts {
   StartProducts start(int b);
 
   // Everything before the filters: R^-1 H, H' R^-1 H and log R of each model,
-  // then the products projected and norms. The models share p and k, and
+  // then the product projected. The models share p and k, and
   // data the p and columns of the room; clears state_data.
   void prepare(std::span<const StateSpaceModel* const> models, const EmData& data);
   // After every start has written its states and missing terms:
@@ -63,7 +62,6 @@ class BatchProducts {
   Matrix sum_log_R_;    // B
   Matrix information_;  // k x k x B
   Matrix projected_;    // (B k) x n
-  Matrix norms_;        // n x B
   Matrix states_;       // (B k) x n
   Matrix state_data_;   // (B k) x p
 };

@@ -41,13 +41,21 @@ EmData::EmData(const DataSet& table)
                   compact_.col(j));
     }
   }
-  squares_ = Matrix(p, n);
+  replicate_squares_ = Matrix(p, table.n_replicates);
   sum_squares_ = Matrix(p, 1);
+  for (int r = 0; r < table.n_replicates; ++r) {
+    for (int t = 0; t < table.T; ++t) {
+      const int s = table.sample_at[static_cast<std::size_t>(r)][t];
+      if (s < 0) continue;
+      const double* y = table.Y.data() + cell(0, s, p);
+      double* sum = replicate_squares_.col(r);
+      for (int i = 0; i < p; ++i) sum[i] += y[i] * y[i];
+    }
+  }
   const double* y = Y();
   for (int j = 0; j < n; ++j) {
     for (int i = 0; i < p; ++i) {
       const double v = y[cell(i, j, p)];
-      squares_(i, j) = v * v;
       sum_squares_[static_cast<std::size_t>(i)] += v * v;
     }
   }
@@ -61,7 +69,8 @@ double em_data_bytes(const DataSet& table) {
   const std::vector<bool> read = read_columns(table);
   const double n = static_cast<double>(std::count(read.begin(), read.end(), true));
   const double copy = n < table.n_samples ? n : 0.0;
-  return 8.0 * static_cast<double>(table.p) * (n + copy + 1.0) + 4.0 * table.n_samples;
+  return 8.0 * static_cast<double>(table.p) * (copy + table.n_replicates + 1.0) +
+         4.0 * table.n_samples;
 }
 
 }  // namespace tarn

@@ -1,7 +1,6 @@
 #pragma once
 // The data as the products of an E-step read it: the columns of Y that some
-// time point reads, their squares, and the sums of squares that stay the same
-// over a run.
+// time point reads, and the sums of squares that stay the same over a run.
 
 #include <vector>
 
@@ -20,9 +19,9 @@ class EmData {
   int columns() const { return static_cast<int>(read_.size()); }
   // p x columns(), column-major; missing cells hold 0.0.
   const double* Y() const;
-  // p x columns(): every cell of Y squared.
-  const double* squares() const { return squares_.data(); }
-  // p: the sum of squares of each object over the read columns.
+  // p: the sum of squares of each object over the read columns of replicate r.
+  const double* replicate_squares(int r) const { return replicate_squares_.col(r); }
+  // p: the same over every read column.
   const double* sum_squares() const { return sum_squares_.data(); }
   // The place of table column s among the read columns, or -1 when no time
   // point reads it (the earlier column of a repeated replicate and time).
@@ -32,9 +31,9 @@ class EmData {
  private:
   const DataSet& table_;
   std::vector<int> column_of_;
-  std::vector<int> read_;  // the table columns read, in table order
-  Matrix compact_;         // the read columns, when some column is not read
-  Matrix squares_;
+  std::vector<int> read_;     // the table columns read, in table order
+  Matrix compact_;            // the read columns, when some column is not read
+  Matrix replicate_squares_;  // p x replicates
   Matrix sum_squares_;
 };
 

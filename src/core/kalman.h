@@ -18,6 +18,7 @@ struct ReplicateView {
   std::span<const int> sample_at;  // T entries
   const int* const* missing;       // per column: the missing rows, ascending, ended by -1
   const int* column_of;            // per column: its place among the read columns, or null
+  const double* squares;           // p: the replicate's sums of squares, or null
 };
 
 // Replicate r of the data set.
@@ -33,8 +34,9 @@ double run_filter(const StateSpaceModel& model, const ReplicateView& series, Tra
                   Workspace* work);
 // The same from the products of the model with the data (series from the
 // EmData they were formed on): a time point costs k x k work and its missing
-// rows, or a sweep over the p objects where the expanded form of e'R^-1 e
-// would lose digits.
+// rows. The replicate's sum of e'R^-1 e, which the likelihood takes, is
+// expanded into terms the products give, or taken in a sweep over the objects
+// where the expanded form would lose digits.
 double run_filter(const StateSpaceModel& model, const ReplicateView& series,
                   const StartProducts& products, Trajectory* trajectory, Workspace* work);
 

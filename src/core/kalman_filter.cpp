@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -130,28 +131,54 @@ double project_innovation(int p, int k_, const double* __restrict R_inv_H,
   return (q[0][0] + q[0][1]) + (q[1][0] + q[1][1]);
 }
 
-// The expanded form below may take terms this many times the size of its
-// result: it then keeps all but the last 4 bits the direct form keeps. Past
-// that, the time point is filtered in the direct form.
+// The expanded form of the sum of e'R^-1 e over a replicate may take terms
+// this many times the size of its result: it then keeps all but the last 4
+// bits the direct form keeps. Past that, the sum is taken in the direct form.
 constexpr double kCancellationLimit = 16.0;
 
-// b = H'R^-1 e and e'R^-1 e from the products with the data, where e = y - H xp
-// over the observed rows: with g = H'R^-1 y and the observed information A,
-//   b = g - A xp,   e'R^-1 e = y'R^-1 y - 2 xp'g + xp'A xp.
-// Returns false, with b overwritten, where the terms are too large against
-// the result for its digits to be kept.
+// The sum of e'R^-1 e over the observed time points of a replicate, where
+// e = y - H xp over the observed rows, in its expanded form: with g = H'R^-1 y
+// and the observed information A of each time point,
+//   sum of y'R^-1 y  +  sum of (-2 xp'g + xp'A xp).
+// The first sum is the replicate's sums of squares over R; the time points
+// add to the second, and to the size of its terms.
+// A time point whose b comes from the direct form makes the sum direct too.
+struct ExpandedSum {
+  double time_terms = 0.0;
+  double size = 0.0;
+  bool direct = false;
+};
+
+// The largest magnitude among the n values of x.
+double largest(int n, const double* x) {
+  double m = 0.0;
+  for (int i = 0; i < n; ++i) m = std::max(m, std::fabs(x[i]));
+  return m;
+}
+
+// b = g - A xp for the update, and the time point's terms of the expanded sum.
+// A is H'R^-1 H less the missing rows, so that b carries the rounding of
+// g and of information xp: false, with b overwritten, where that is too large
+// against b and against G xp, the scale of the state it corrects.
 template <int K>
-bool expanded_innovation(int k_, const double* g, double y_Rinv_y, const double* A,
-                         const double* xp, double* b, double* e_Rinv_e) {
+bool expanded_innovation(int k_, const double* g, const double* information, const double* A,
+                         const double* G, const double* xp, double* b, ExpandedSum* sum) {
   const int k = dim<K>(k_);
+  double rounding = 0.0;  // the largest |information| |xp|, row by row
+  for (int j = 0; j < k; ++j) {
+    double row = 0.0;
+    for (int l = 0; l < k; ++l) row += std::fabs(information[j + l * k]) * std::fabs(xp[l]);
+    rounding = std::max(rounding, row);
+  }
   small::gemv<K>(k, 1.0, A, xp, 1, 0.0, b);
   const double xAx = small::dot(k, xp, 1, b);
   const double xg = small::dot(k, xp, 1, g);
-  const double q = (y_Rinv_y - xg - xg) + xAx;
-  const double terms = y_Rinv_y + 2.0 * std::fabs(xg) + std::fabs(xAx);
-  if (!(terms <= kCancellationLimit * q)) return false;
   for (int j = 0; j < k; ++j) b[j] = g[j] - b[j];
-  *e_Rinv_e = q;
+  const double size = largest(k, g) + rounding;
+  const double scale = largest(k, b) + largest(k * k, G) * largest(k, xp);
+  if (!(size <= kCancellationLimit * scale)) return false;
+  sum->time_terms += xAx - xg - xg;
+  sum->size += 2.0 * std::fabs(xg) + std::fabs(xAx);
   return true;
 }
 
@@ -201,14 +228,14 @@ struct Observation {
   const double* y;
   const int* missing;
   const double* projected;  // H'R^-1 y, or null
-  double y_Rinv_y;
 };
 
-// The measurement update of time point t; returns the sum of e[i]^2 / R[i].
-// Writes filtered_mean[t + 1] and filtered_cov[t + 1].
+// The measurement update of time point t; returns the sum of e[i]^2 / R[i],
+// or 0.0 with the products, whose terms of it go to expanded. Writes
+// filtered_mean[t + 1] and filtered_cov[t + 1].
 template <int K>
 double update(const StateSpaceModel& model, const FilterTerms& terms, const Observation& obs, int t,
-              Trajectory* s, Workspace* w) {
+              Trajectory* s, Workspace* w, ExpandedSum* expanded) {
   const int p = model.p();
   const int k = dim<K>(model.k());
   const int kk = k * k;
@@ -222,17 +249,22 @@ double update(const StateSpaceModel& model, const FilterTerms& terms, const Obse
   double* lu = w->square_b.data();
   int* ipiv = w->pivots.get();
   observed_information<K>(k, terms, R, obs.missing, A);
+  // G = Vp^-1 + A.
+  small::copy(kk, s->predicted_precision[t], G);
+  small::axpy(kk, 1.0, A, G);
   double e_Rinv_e = 0.0;
   if (obs.projected == nullptr ||
-      !expanded_innovation<K>(k, obs.projected, obs.y_Rinv_y, A, xp, b, &e_Rinv_e)) {
+      !expanded_innovation<K>(k, obs.projected, terms.information, A, G, xp, b, expanded)) {
     // b = H' R^-1 e with e = y - H xp; the zeros in e remove the missing rows.
     double* e = w->innovation.data();
     innovation<K>(p, k, H, xp, obs.y, obs.missing, e);
     e_Rinv_e = project_innovation<K>(p, k, terms.R_inv_H, R, e, b);
+    if (obs.projected != nullptr) {
+      expanded->direct = true;
+      e_Rinv_e = 0.0;
+    }
   }
-  // G = Vp^-1 + A; solve G u = b.
-  small::copy(kk, s->predicted_precision[t], G);
-  small::axpy(kk, 1.0, A, G);
+  // Solve G u = b.
   small::copy(kk, G, lu);
   small::copy(k, b, u);
   small::getrf<K>(k, lu, ipiv);
@@ -255,13 +287,45 @@ double update(const StateSpaceModel& model, const FilterTerms& terms, const Obse
 // place among the read columns.
 Observation observe(const ReplicateView& series, const StartProducts* products, int p, int col) {
   Observation obs{series.Y + static_cast<std::size_t>(col) * static_cast<std::size_t>(p),
-                  series.missing[col], nullptr, 0.0};
+                  series.missing[col], nullptr};
   if (products != nullptr) {
     const int j = series.column_of[col];
     obs.projected = products->projected + static_cast<std::size_t>(j) * products->ld;
-    obs.y_Rinv_y = products->norms[j];
   }
   return obs;
+}
+
+// The sum of e'R^-1 e over the observed time points of the replicate, in the
+// direct form, from the predicted means of the trajectory.
+template <int K>
+double direct_sum(const StateSpaceModel& model, const ReplicateView& series,
+                  const FilterTerms& terms, const Trajectory& s, Workspace* w) {
+  const int p = model.p();
+  const int k = dim<K>(model.k());
+  double sum = 0.0;
+  for (int t = 0; t < s.T; ++t) {
+    const int col = series.sample_at[static_cast<std::size_t>(t)];
+    if (col == -1) continue;
+    const double* y = series.Y + static_cast<std::size_t>(col) * static_cast<std::size_t>(p);
+    double* e = w->innovation.data();
+    innovation<K>(p, k, model.H.data(), s.predicted_mean[t], y, series.missing[col], e);
+    sum += project_innovation<K>(p, k, terms.R_inv_H, model.R.data(), e, w->square_a.data());
+  }
+  return sum;
+}
+
+// The replicate's sum of e'R^-1 e: the expanded form, or the direct form
+// where the terms of the expanded one are too large against it.
+template <int K>
+double e_Rinv_e_sum(const StateSpaceModel& model, const ReplicateView& series,
+                    const FilterTerms& terms, const StartProducts& products,
+                    const ExpandedSum& expanded, const Trajectory& s, Workspace* w) {
+  const int p = model.p();
+  double y_Rinv_y = 0.0;
+  for (int i = 0; i < p; ++i) y_Rinv_y += series.squares[i] * products.inverse_R[i];
+  const double sum = y_Rinv_y + expanded.time_terms;
+  if (!expanded.direct && y_Rinv_y + expanded.size <= kCancellationLimit * sum) return sum;
+  return direct_sum<K>(model, series, terms, s, w);
 }
 
 template <int K>
@@ -275,6 +339,7 @@ double filter(const StateSpaceModel& model, const ReplicateView& series, const F
   small::copy(k, model.initial_mean.data(), s->filtered_mean[0]);
   small::copy(k * k, model.initial_cov.data(), s->filtered_cov[0]);
   double llh = 0.0;
+  ExpandedSum expanded;
   for (int t = 0; t < T; ++t) {
     predict<K>(model, k, t, s, work);
     const int col = series.sample_at[static_cast<std::size_t>(t)];
@@ -284,10 +349,11 @@ double filter(const StateSpaceModel& model, const ReplicateView& series, const F
       continue;
     }
     const Observation obs = observe(series, products, p, col);
-    const double e_Rinv_e = update<K>(model, terms, obs, t, s, work);
+    const double e_Rinv_e = update<K>(model, terms, obs, t, s, work, &expanded);
     llh += likelihood_term<K>(p, k, e_Rinv_e, obs.missing, terms, work);
   }
-  return llh;
+  if (products == nullptr) return llh;
+  return llh - 0.5 * e_Rinv_e_sum<K>(model, series, terms, *products, expanded, *s, work);
 }
 
 }  // namespace
@@ -296,12 +362,13 @@ ReplicateView replicate_view(const DataSet& data, int r) {
   return ReplicateView{data.Y.data(),
                        std::span<const int>(data.sample_at[static_cast<std::size_t>(r)],
                                             static_cast<std::size_t>(data.T)),
-                       data.missing.data(), nullptr};
+                       data.missing.data(), nullptr, nullptr};
 }
 
 ReplicateView replicate_view(const EmData& data, int r) {
   ReplicateView view = replicate_view(data.table(), r);
   view.column_of = data.column_places();
+  view.squares = data.replicate_squares(r);
   return view;
 }
 
