@@ -13,6 +13,10 @@ BatchProducts::BatchProducts(int p, int n_columns, int max_k, int max_starts)
       log_R_(p, max_starts),
       sum_log_R_(max_starts, 1),
       information_(max_k * max_k, max_starts),
+      downdates_(max_k * max_k * n_columns, max_starts),
+      missing_log_R_(n_columns, max_starts),
+      second_moments_(max_k * max_k * n_columns, max_starts),
+      moment_sum_(max_k * max_k + max_k, 1),
       projected_(max_k * max_starts, n_columns),
       states_(max_k * max_starts, n_columns),
       state_data_(max_k * max_starts, p) {}
@@ -20,13 +24,17 @@ BatchProducts::BatchProducts(int p, int n_columns, int max_k, int max_starts)
 StartProducts BatchProducts::start(int b) {
   const int kk = k_ * k_;
   const std::size_t k_by_p = static_cast<std::size_t>(k_) * R_inv_H_.rows();
-  return StartProducts{H_rows_.data() + b * k_by_p,
+  return StartProducts{k_,
+                       H_rows_.data() + b * k_by_p,
                        R_inv_H_.col(b * k_),
                        information_.data() + static_cast<std::size_t>(b) * kk,
                        log_R_.col(b),
                        sum_log_R_[static_cast<std::size_t>(b)],
                        projected_.data() + static_cast<std::size_t>(b) * k_,
                        inverse_R_.col(b),
+                       downdates_.col(b),
+                       missing_log_R_.col(b),
+                       second_moments_.col(b),
                        states_.data() + static_cast<std::size_t>(b) * k_,
                        starts_ * k_,
                        state_data_.data() + static_cast<std::size_t>(b) * k_};
@@ -62,6 +70,32 @@ void prepare_model(const StateSpaceModel& model, double* H_rows, double* R_inv_H
   *sum_log_R = sum;
 }
 
+// The sums over the missing rows of each read column of h h' / R and of
+// log R, object by object, so that the model is read in order.
+void prepare_downdates(const StateSpaceModel& model, const EmData& data, const double* H_rows,
+                       const double* inverse_R, const double* log_R, double* downdates,
+                       double* missing_log_R) {
+  const int p = model.p();
+  const int k = model.k();
+  const std::size_t kk = static_cast<std::size_t>(k) * k;
+  std::fill_n(downdates, kk * data.columns(), 0.0);
+  std::fill_n(missing_log_R, data.columns(), 0.0);
+  for (int i = 0; i < p; ++i) {
+    const std::span<const int> places = data.missing_places(i);
+    if (places.empty()) continue;
+    const double* h = H_rows + static_cast<std::size_t>(i) * k;
+    const double w = inverse_R[i];
+    for (const int j : places) {
+      double* d = downdates + static_cast<std::size_t>(j) * kk;
+      for (int c = 0; c < k; ++c) {
+        const double hw = h[c] * w;
+        for (int r = 0; r < k; ++r) d[r + c * k] += h[r] * hw;
+      }
+      missing_log_R[j] += log_R[i];
+    }
+  }
+}
+
 }  // namespace
 
 void BatchProducts::prepare(std::span<const StateSpaceModel* const> models, const EmData& data) {
@@ -75,6 +109,9 @@ void BatchProducts::prepare(std::span<const StateSpaceModel* const> models, cons
                   H_rows_.data() + static_cast<std::size_t>(b) * k_ * p, R_inv_H_.col(b * k_),
                   inverse_R_.col(b), log_R_.col(b), &sum_log_R_[static_cast<std::size_t>(b)],
                   information_.data() + static_cast<std::size_t>(b) * k_ * k_);
+    prepare_downdates(*models[static_cast<std::size_t>(b)], data,
+                      H_rows_.data() + static_cast<std::size_t>(b) * k_ * p, inverse_R_.col(b),
+                      log_R_.col(b), downdates_.col(b), missing_log_R_.col(b));
   }
   std::fill_n(state_data_.data(), static_cast<std::size_t>(p) * rows, 0.0);
   if (n == 0) return;
@@ -82,10 +119,45 @@ void BatchProducts::prepare(std::span<const StateSpaceModel* const> models, cons
          projected_.data(), &rows);
 }
 
-void BatchProducts::finish(const EmData& data) {
+void BatchProducts::add_missing_cells(const StateSpaceModel& model, const EmData& data, int b,
+                                      double* yy) {
+  const int p = data.p();
+  const int k = k_;
+  const std::size_t kk = static_cast<std::size_t>(k) * k;
+  const StartProducts s = start(b);
+  double* moment = moment_sum_.data();
+  double* hS = moment + kk;
+  for (int i = 0; i < p; ++i) {
+    const std::span<const int> places = data.missing_places(i);
+    if (places.empty()) continue;
+    std::fill_n(moment, kk, 0.0);
+    for (const int j : places) {
+      const double* P = s.second_moments + static_cast<std::size_t>(j) * kk;
+      for (std::size_t e = 0; e < kk; ++e) moment[e] += P[e];
+    }
+    const double* h = s.H_rows + static_cast<std::size_t>(i) * k;
+    double hSh = 0.0;
+    for (int r = 0; r < k; ++r) {
+      double v = 0.0;
+      for (int c = 0; c < k; ++c) v += moment[r + c * k] * h[c];
+      hS[r] = v;
+      hSh += h[r] * v;
+    }
+    double* xy = s.state_data + static_cast<std::size_t>(i) * s.ld;
+    for (int r = 0; r < k; ++r) xy[r] += hS[r];
+    yy[i] += static_cast<double>(places.size()) * model.R[i] + hSh;
+  }
+}
+
+void BatchProducts::finish(const EmData& data, std::span<const StateSpaceModel* const> models,
+                           std::span<double* const> sum_yy) {
   int p = data.p();
   int n = data.columns();
   int rows = starts_ * k_;
+  for (int b = 0; b < starts_; ++b) {
+    add_missing_cells(*models[static_cast<std::size_t>(b)], data, b,
+                      sum_yy[static_cast<std::size_t>(b)]);
+  }
   if (n == 0) return;
   dgemm_("N", "T", &rows, &p, &n, &blas::kOne, states_.data(), &rows, data.Y(), &p, &blas::kOne,
          state_data_.data(), &rows);
@@ -103,7 +175,8 @@ void BatchProducts::copy_sums(int b, Matrix* sum_yx) const {
 
 double batch_products_bytes(int p, int n_columns, int k, int starts) {
   const double P = p, N = n_columns, K = k, B = starts;
-  return 8.0 * B * (3.0 * P * K + 3.0 * P + 1.0 + K * K + 2.0 * K * N);
+  return 8.0 * B * (3.0 * P * K + 3.0 * P + 1.0 + K * K + 2.0 * K * N + 2.0 * K * K * N + N) +
+         8.0 * (K * K + K);
 }
 
 }  // namespace tarn

@@ -18,9 +18,13 @@
 
 namespace tarn {
 
+// The most starts a batch holds.
+constexpr int kMaxBatchStarts = 8;
+
 // Start b's share of the batch, as the filter reads it and the E-step sums
 // write it.
 struct StartProducts {
+  int k;
   const double* H_rows;       // k x p: H', row i of H at H_rows + i * k
   const double* R_inv_H;      // p x k: R^-1 H
   const double* information;  // k x k: H' R^-1 H
@@ -28,14 +32,21 @@ struct StartProducts {
   double sum_log_R;
   const double* projected;  // read column j: k values at projected + j * ld
   const double* inverse_R;  // p: 1 / R
-  double* states;           // read column j: the smoothed state, k values at states + j * ld
-  int ld;                   // B k
-  double* state_data;       // object i: k sums of x y[i] at state_data + i * ld
+  // Read column j: the sum of h h' / R over its missing rows (k x k at
+  // downdates + j * k * k) and of their log R.
+  const double* downdates;
+  const double* missing_log_R;
+  // Read column j: E[x x'] of its time point, k x k at second_moments + j * k * k.
+  double* second_moments;
+  double* states;      // read column j: the smoothed state, k values at states + j * ld
+  int ld;              // B k
+  double* state_data;  // object i: k sums of x y[i] at state_data + i * ld
 };
 
 class BatchProducts {
  public:
-  // Room for up to max_starts starts of up to max_k states.
+  // Room for up to max_starts (at most kMaxBatchStarts) starts of up to max_k
+  // states.
   BatchProducts(int p, int n_columns, int max_k, int max_starts);
 
   int starts() const { return starts_; }
@@ -43,27 +54,38 @@ class BatchProducts {
   StartProducts start(int b);
 
   // Everything before the filters: R^-1 H, H' R^-1 H and log R of each model,
-  // then the product projected. The models share p and k, and
-  // data the p and columns of the room; clears state_data.
+  // the downdates of the missing cells, then the product projected. The
+  // models share p and k, and data the p and columns of the room; clears
+  // state_data.
   void prepare(std::span<const StateSpaceModel* const> models, const EmData& data);
-  // After every start has written its states and missing terms:
-  // state_data += states Y'.
-  void finish(const EmData& data);
+  // After every start has written its states and second moments: the missing
+  // cells' terms of the sums of x y' and of y^2 (into each start's sum_yy),
+  // then state_data += states Y'.
+  void finish(const EmData& data, std::span<const StateSpaceModel* const> models,
+              std::span<double* const> sum_yy);
   // Start b's sums of y x', p x k, into sum_yx.
   void copy_sums(int b, Matrix* sum_yx) const;
 
  private:
+  // The terms of start b's missing cells, object by object: R + h P h' into
+  // yy and h P into state_data, P summed over the object's missing columns.
+  void add_missing_cells(const StateSpaceModel& model, const EmData& data, int b, double* yy);
+
   int starts_ = 0;
   int k_ = 0;
-  Matrix H_rows_;       // (k p) x B
-  Matrix R_inv_H_;      // p x (B k)
-  Matrix inverse_R_;    // p x B
-  Matrix log_R_;        // p x B
-  Matrix sum_log_R_;    // B
-  Matrix information_;  // k x k x B
-  Matrix projected_;    // (B k) x n
-  Matrix states_;       // (B k) x n
-  Matrix state_data_;   // (B k) x p
+  Matrix H_rows_;          // (k p) x B
+  Matrix R_inv_H_;         // p x (B k)
+  Matrix inverse_R_;       // p x B
+  Matrix log_R_;           // p x B
+  Matrix sum_log_R_;       // B
+  Matrix information_;     // k x k x B
+  Matrix downdates_;       // (k k n) x B
+  Matrix missing_log_R_;   // n x B
+  Matrix second_moments_;  // (k k n) x B
+  Matrix moment_sum_;      // k x k, then k: scratch of finish()
+  Matrix projected_;       // (B k) x n
+  Matrix states_;          // (B k) x n
+  Matrix state_data_;      // (B k) x p
 };
 
 // Bytes a BatchProducts of these dimensions takes, in double precision.

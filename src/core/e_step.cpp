@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 
 #include "core/em.h"
 #include "linalg/small_matrix.h"
@@ -10,44 +11,19 @@ namespace {
 using small::at;
 using small::dim;
 
-// Missing rows: R[m] + h P h' and h P, the expectations given what is
-// observed, into yy and the sums of x y'; Y holds 0.0 there, so that the
-// product adds nothing to them. P and h P stay in registers where k is
-// fixed; the last h P is left in hP.
-template <int K>
-void add_missing_rows(const StateSpaceModel& model, const StartProducts& products,
-                      const int* missing, const double* P, double* yy, double* hP) {
-  const int k = dim<K>(model.k());
-  double local_P[K > 0 ? K * K : 1];
-  double local_hP[K > 0 ? K : 1];
-  const double* p = P;
-  double* hp = hP;
-  if constexpr (K > 0) {
-    small::copy(K * K, P, local_P);
-    p = local_P;
-    hp = local_hP;
-  }
-  for (const int* m = missing; *m != -1; ++m) {
-    const double* h = products.H_rows + static_cast<std::size_t>(*m) * k;
-    small::gemv<K>(k, 1.0, p, h, 1, 0.0, hp);
-    yy[*m] += model.R[*m] + small::dot(k, h, 1, hp);
-    double* xy_object = products.state_data + static_cast<std::size_t>(*m) * products.ld;
-    for (int c = 0; c < k; ++c) xy_object[c] += hp[c];
-  }
-  if (K > 0 && *missing != -1) small::copy(k, hp, hP);
-}
-
 // The sums of one replicate from its smoothed trajectory: the state sums into
-// state_sums, the missing rows' expectations into yy and products.state_data,
-// and the states for the product that adds the observed rows' y x'.
+// sums, and for each observed time point its state and E[x x'] into products,
+// from which the observed rows' y x' and the missing rows' expectations are
+// summed once every replicate is in. The last missing row's h E[x x'] is left
+// in the scratch vector, as summing it there row by row left it.
 template <int K>
 void sum_series(const StateSpaceModel& model, const ReplicateView& series, const Trajectory& s,
-                const StartProducts& products, double* yy, SufficientStats* sums, Workspace* w) {
+                const StartProducts& products, SufficientStats* sums, Workspace* w) {
   const int k = dim<K>(model.k());
   const int kk = k * k;
   const int T = s.T;
-  double* P = w->second_moment.data();
-  double* hP = w->vector_scratch.data();
+  const double* last_P = nullptr;
+  int last_missing = -1;
   sums->reset(k);
   small::copy(k, s.smoothed_mean[0], sums->sum_x0.data());
   for (int t = 0; t < T; ++t) {
@@ -62,10 +38,18 @@ void sum_series(const StateSpaceModel& model, const ReplicateView& series, const
     small::copy(k, s.smoothed_mean[t + 1],
                 products.states + static_cast<std::size_t>(j) * products.ld);
     // P = Vs[t+1] + Xs[t+1] Xs[t+1]'.
+    double* P = products.second_moments + static_cast<std::size_t>(j) * kk;
     small::copy(kk, s.smoothed_cov[t + 1], P);
     small::ger<K>(k, 1.0, s.smoothed_mean[t + 1], s.smoothed_mean[t + 1], P);
-    add_missing_rows<K>(model, products, series.missing[col], P, yy, hP);
     small::axpy(kk, 1.0, P, sums->sum_xx_observed.data());
+    for (const int* m = series.missing[col]; *m != -1; ++m) {
+      last_P = P;
+      last_missing = *m;
+    }
+  }
+  if (last_P != nullptr) {
+    const double* h = products.H_rows + static_cast<std::size_t>(last_missing) * k;
+    small::gemv<K>(k, 1.0, last_P, h, 1, 0.0, w->vector_scratch.data());
   }
 }
 
@@ -92,8 +76,8 @@ double pass_start(const StateSpaceModel& model, const EmData& data, StartProduct
     small::with_fixed_size(k, [&](auto fixed) {
       constexpr int K = decltype(fixed)::value;
       form_lag_covariances<K>(&buffers->trajectory);
-      sum_series<K>(model, series, buffers->trajectory, products, buffers->total_sums.sum_yy.data(),
-                    &buffers->replicate_sums, &buffers->workspace);
+      sum_series<K>(model, series, buffers->trajectory, products, &buffers->replicate_sums,
+                    &buffers->workspace);
     });
     buffers->total_sums.add(buffers->replicate_sums);
   }
@@ -109,7 +93,9 @@ void e_step_batch(std::span<const StateSpaceModel* const> models, const EmData& 
   for (std::size_t b = 0; b < models.size(); ++b) {
     llh[b] = pass_start(*models[b], data, products->start(static_cast<int>(b)), buffers[b]);
   }
-  products->finish(data);
+  std::array<double*, kMaxBatchStarts> yy{};
+  for (std::size_t b = 0; b < models.size(); ++b) yy[b] = buffers[b]->total_sums.sum_yy.data();
+  products->finish(data, models, {yy.data(), models.size()});
   const int p = data.p();
   for (std::size_t b = 0; b < models.size(); ++b) {
     SufficientStats& sums = buffers[b]->total_sums;

@@ -41,6 +41,27 @@ EmData::EmData(const DataSet& table)
                   compact_.col(j));
     }
   }
+  // The missing cells of the read columns, object by object.
+  missing_counts_.assign(static_cast<std::size_t>(n), 0);
+  missing_from_.assign(static_cast<std::size_t>(p) + 1, 0);
+  for (int j = 0; j < n; ++j) {
+    for (const int* m = table.missing[static_cast<std::size_t>(read_[static_cast<std::size_t>(j)])];
+         *m != -1; ++m) {
+      ++missing_from_[static_cast<std::size_t>(*m) + 1];
+      ++missing_counts_[static_cast<std::size_t>(j)];
+    }
+  }
+  for (int i = 0; i < p; ++i) {
+    missing_from_[static_cast<std::size_t>(i) + 1] += missing_from_[static_cast<std::size_t>(i)];
+  }
+  missing_places_.resize(static_cast<std::size_t>(missing_from_.back()));
+  std::vector<int> next(missing_from_.begin(), missing_from_.end() - 1);
+  for (int j = 0; j < n; ++j) {
+    for (const int* m = table.missing[static_cast<std::size_t>(read_[static_cast<std::size_t>(j)])];
+         *m != -1; ++m) {
+      missing_places_[static_cast<std::size_t>(next[static_cast<std::size_t>(*m)]++)] = j;
+    }
+  }
   replicate_squares_ = Matrix(p, table.n_replicates);
   sum_squares_ = Matrix(p, 1);
   for (int r = 0; r < table.n_replicates; ++r) {
@@ -70,7 +91,7 @@ double em_data_bytes(const DataSet& table) {
   const double n = static_cast<double>(std::count(read.begin(), read.end(), true));
   const double copy = n < table.n_samples ? n : 0.0;
   return 8.0 * static_cast<double>(table.p) * (copy + table.n_replicates + 1.0) +
-         4.0 * table.n_samples;
+         4.0 * (table.n_samples + table.p + 1.0 + static_cast<double>(table.missing_block.size()));
 }
 
 }  // namespace tarn

@@ -2,6 +2,7 @@
 // The data as the products of an E-step read it: the columns of Y that some
 // time point reads, and the sums of squares that stay the same over a run.
 
+#include <span>
 #include <vector>
 
 #include "core/data_set.h"
@@ -27,13 +28,25 @@ class EmData {
   // point reads it (the earlier column of a repeated replicate and time).
   int column_of(int s) const { return column_of_[static_cast<std::size_t>(s)]; }
   const int* column_places() const { return column_of_.data(); }
+  // The read columns in which object i is missing, ascending.
+  std::span<const int> missing_places(int i) const {
+    const auto from = static_cast<std::size_t>(missing_from_[static_cast<std::size_t>(i)]);
+    const auto to = static_cast<std::size_t>(missing_from_[static_cast<std::size_t>(i) + 1]);
+    return std::span<const int>(missing_places_).subspan(from, to - from);
+  }
+  // How many objects read column j misses.
+  int missing_count(int j) const { return missing_counts_[static_cast<std::size_t>(j)]; }
+  const int* missing_counts() const { return missing_counts_.data(); }
 
  private:
   const DataSet& table_;
   std::vector<int> column_of_;
-  std::vector<int> read_;     // the table columns read, in table order
-  Matrix compact_;            // the read columns, when some column is not read
-  Matrix replicate_squares_;  // p x replicates
+  std::vector<int> read_;            // the table columns read, in table order
+  std::vector<int> missing_from_;    // p + 1 offsets into missing_places_
+  std::vector<int> missing_places_;  // per object, its missing read columns
+  std::vector<int> missing_counts_;  // per read column
+  Matrix compact_;                   // the read columns, when some column is not read
+  Matrix replicate_squares_;         // p x replicates
   Matrix sum_squares_;
 };
 

@@ -19,6 +19,7 @@ struct ReplicateView {
   const int* const* missing;       // per column: the missing rows, ascending, ended by -1
   const int* column_of;            // per column: its place among the read columns, or null
   const double* squares;           // p: the replicate's sums of squares, or null
+  const int* missing_counts;       // per read column: its missing rows, or null
 };
 
 // Replicate r of the data set.

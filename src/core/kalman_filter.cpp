@@ -182,22 +182,33 @@ bool expanded_innovation(int k_, const double* g, const double* information, con
   return true;
 }
 
+// What the likelihood of a time point takes of its missing rows.
+struct ObservedRows {
+  double log_det_R;
+  int n_missing;
+};
+
+// log det R over the observed rows of a column: the sum of log R less the
+// missing rows', one by one.
+ObservedRows observed_rows(const FilterTerms& terms, const int* missing) {
+  ObservedRows rows{terms.sum_log_R, 0};
+  for (const int* m = missing; *m != -1; ++m) {
+    rows.log_det_R -= terms.log_R[*m];
+    ++rows.n_missing;
+  }
+  return rows;
+}
+
 // -0.5 (e' S^-1 e + log det S + n log 2 pi), evaluated without S from the
 // update's b, u and B. e_Rinv_e is the sum of e[i]^2 / R[i].
+// observed.log_det_R is the sum of log R over the observed rows.
 template <int K>
-double likelihood_term(int p, int k_, double e_Rinv_e, const int* missing, const FilterTerms& terms,
-                       Workspace* w) {
+double likelihood_term(int p, int k_, double e_Rinv_e, const ObservedRows& observed, Workspace* w) {
   const int k = dim<K>(k_);
   const double q =
       e_Rinv_e - small::dot(k, w->projected_innovation.data(), 1, w->correction.data());
-
-  double r = terms.sum_log_R;
-  int n_missing = 0;
-  for (const int* m = missing; *m != -1; ++m) {
-    r -= terms.log_R[*m];
-    ++n_missing;
-  }
-  const double c = static_cast<double>(p - n_missing) * std::log(kTwoPi);
+  const double r = observed.log_det_R;
+  const double c = static_cast<double>(p - observed.n_missing) * std::log(kTwoPi);
 
   double* lu = w->square_b.data();
   small::copy(k * k, w->gain_complement.data(), lu);
@@ -228,6 +239,8 @@ struct Observation {
   const double* y;
   const int* missing;
   const double* projected;  // H'R^-1 y, or null
+  const double* downdate;   // with projected: the sum of h h' / R over the missing rows
+  ObservedRows rows;
 };
 
 // The measurement update of time point t; returns the sum of e[i]^2 / R[i],
@@ -248,7 +261,11 @@ double update(const StateSpaceModel& model, const FilterTerms& terms, const Obse
   double* G = w->square_a.data();
   double* lu = w->square_b.data();
   int* ipiv = w->pivots.get();
-  observed_information<K>(k, terms, R, obs.missing, A);
+  if (obs.downdate != nullptr) {
+    for (int e = 0; e < kk; ++e) A[e] = terms.information[e] - obs.downdate[e];
+  } else {
+    observed_information<K>(k, terms, R, obs.missing, A);
+  }
   // G = Vp^-1 + A.
   small::copy(kk, s->predicted_precision[t], G);
   small::axpy(kk, 1.0, A, G);
@@ -285,13 +302,22 @@ double update(const StateSpaceModel& model, const FilterTerms& terms, const Obse
 
 // The observation of table column col: with products, their values at its
 // place among the read columns.
-Observation observe(const ReplicateView& series, const StartProducts* products, int p, int col) {
+Observation observe(const ReplicateView& series, const FilterTerms& terms,
+                    const StartProducts* products, int p, int col) {
   Observation obs{series.Y + static_cast<std::size_t>(col) * static_cast<std::size_t>(p),
-                  series.missing[col], nullptr};
-  if (products != nullptr) {
-    const int j = series.column_of[col];
-    obs.projected = products->projected + static_cast<std::size_t>(j) * products->ld;
+                  series.missing[col],
+                  nullptr,
+                  nullptr,
+                  {}};
+  if (products == nullptr) {
+    obs.rows = observed_rows(terms, obs.missing);
+    return obs;
   }
+  const int j = series.column_of[col];
+  const std::size_t kk = static_cast<std::size_t>(products->k) * products->k;
+  obs.projected = products->projected + static_cast<std::size_t>(j) * products->ld;
+  obs.downdate = products->downdates + static_cast<std::size_t>(j) * kk;
+  obs.rows = {terms.sum_log_R - products->missing_log_R[j], series.missing_counts[j]};
   return obs;
 }
 
@@ -348,9 +374,9 @@ double filter(const StateSpaceModel& model, const ReplicateView& series, const F
       small::copy(k * k, s->predicted_cov[t], s->filtered_cov[t + 1]);
       continue;
     }
-    const Observation obs = observe(series, products, p, col);
+    const Observation obs = observe(series, terms, products, p, col);
     const double e_Rinv_e = update<K>(model, terms, obs, t, s, work, &expanded);
-    llh += likelihood_term<K>(p, k, e_Rinv_e, obs.missing, terms, work);
+    llh += likelihood_term<K>(p, k, e_Rinv_e, obs.rows, work);
   }
   if (products == nullptr) return llh;
   return llh - 0.5 * e_Rinv_e_sum<K>(model, series, terms, *products, expanded, *s, work);
@@ -362,13 +388,17 @@ ReplicateView replicate_view(const DataSet& data, int r) {
   return ReplicateView{data.Y.data(),
                        std::span<const int>(data.sample_at[static_cast<std::size_t>(r)],
                                             static_cast<std::size_t>(data.T)),
-                       data.missing.data(), nullptr, nullptr};
+                       data.missing.data(),
+                       nullptr,
+                       nullptr,
+                       nullptr};
 }
 
 ReplicateView replicate_view(const EmData& data, int r) {
   ReplicateView view = replicate_view(data.table(), r);
   view.column_of = data.column_places();
   view.squares = data.replicate_squares(r);
+  view.missing_counts = data.missing_counts();
   return view;
 }
 

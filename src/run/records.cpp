@@ -6,7 +6,7 @@ namespace tarn {
 
 int batch_size(const InitialModelSettings& init, int starts) {
   if (!(init.F_min < init.F_max)) return 1;
-  return std::clamp(starts, 1, kBatchStarts);
+  return std::clamp(starts, 1, kMaxBatchStarts);
 }
 
 EstimationRecords::EstimationRecords(const EmData& data, int k, int constrain_F, int batch)

@@ -11,10 +11,7 @@
 
 namespace tarn {
 
-// The most starts of a set that advance together.
-constexpr int kBatchStarts = 8;
-
-// How many starts of a set advance together: up to kBatchStarts, and one at a
+// How many starts of a set advance together: up to kMaxBatchStarts, and one at a
 // time where a start's random model depends on how the one before ended (an
 // empty range for F leaves F as the model record held it).
 int batch_size(const InitialModelSettings& init, int starts);
