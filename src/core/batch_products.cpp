@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "linalg/blas.h"
+#include "linalg/small_matrix.h"
 
 namespace tarn {
 
@@ -42,41 +43,43 @@ StartProducts BatchProducts::start(int b) {
 
 namespace {
 
-// H', R^-1 H, 1/R, log R and their sum, and H' R^-1 H of one model.
+// H', R^-1 H, 1/R, log R and their sum of one model, in one sweep over the
+// objects, then H' R^-1 H.
+template <int K>
 void prepare_model(const StateSpaceModel& model, double* H_rows, double* R_inv_H, double* inverse_R,
                    double* log_R, double* sum_log_R, double* information) {
   int p = model.p();
-  int k = model.k();
-  for (int j = 0; j < k; ++j) {
-    const double* h = model.H.col(j);
-    for (int i = 0; i < p; ++i) H_rows[static_cast<std::size_t>(i) * k + j] = h[i];
-  }
-  for (int j = 0; j < k; ++j) {
-    const double* h = model.H.col(j);
-    double* rh = R_inv_H + static_cast<std::size_t>(j) * p;
-    for (int i = 0; i < p; ++i) rh[i] = h[i] / model.R[i];
-  }
-  for (int j = 0; j < k; ++j) {
-    dgemv_("T", &p, &k, &blas::kOne, model.H.data(), &p, R_inv_H + static_cast<std::size_t>(j) * p,
-           &blas::kIncOne, &blas::kZero, information + static_cast<std::size_t>(j) * k,
-           &blas::kIncOne);
-  }
+  int k = small::dim<K>(model.k());
+  const double* H = model.H.data();
+  const double* R = model.R.data();
   double sum = 0.0;
   for (int i = 0; i < p; ++i) {
-    inverse_R[i] = 1.0 / model.R[i];
-    log_R[i] = std::log(model.R[i]);
+    const double r = R[i];
+    for (int j = 0; j < k; ++j) {
+      const double h = H[small::at(i, j, p)];
+      H_rows[static_cast<std::size_t>(i) * k + j] = h;
+      R_inv_H[small::at(i, j, p)] = h / r;
+    }
+    inverse_R[i] = 1.0 / r;
+    log_R[i] = std::log(r);
     sum += log_R[i];
   }
   *sum_log_R = sum;
+  // Column by column, as the filter of the result files forms it.
+  for (int j = 0; j < k; ++j) {
+    dgemv_("T", &p, &k, &blas::kOne, H, &p, R_inv_H + small::at(0, j, p), &blas::kIncOne,
+           &blas::kZero, information + small::at(0, j, k), &blas::kIncOne);
+  }
 }
 
 // The sums over the missing rows of each read column of h h' / R and of
 // log R, object by object, so that the model is read in order.
+template <int K>
 void prepare_downdates(const StateSpaceModel& model, const EmData& data, const double* H_rows,
                        const double* inverse_R, const double* log_R, double* downdates,
                        double* missing_log_R) {
   const int p = model.p();
-  const int k = model.k();
+  const int k = small::dim<K>(model.k());
   const std::size_t kk = static_cast<std::size_t>(k) * k;
   std::fill_n(downdates, kk * data.columns(), 0.0);
   std::fill_n(missing_log_R, data.columns(), 0.0);
@@ -96,37 +99,15 @@ void prepare_downdates(const StateSpaceModel& model, const EmData& data, const d
   }
 }
 
-}  // namespace
-
-void BatchProducts::prepare(std::span<const StateSpaceModel* const> models, const EmData& data) {
-  starts_ = static_cast<int>(models.size());
-  k_ = models.front()->k();
-  int p = data.p();
-  int n = data.columns();
-  int rows = starts_ * k_;
-  for (int b = 0; b < starts_; ++b) {
-    prepare_model(*models[static_cast<std::size_t>(b)],
-                  H_rows_.data() + static_cast<std::size_t>(b) * k_ * p, R_inv_H_.col(b * k_),
-                  inverse_R_.col(b), log_R_.col(b), &sum_log_R_[static_cast<std::size_t>(b)],
-                  information_.data() + static_cast<std::size_t>(b) * k_ * k_);
-    prepare_downdates(*models[static_cast<std::size_t>(b)], data,
-                      H_rows_.data() + static_cast<std::size_t>(b) * k_ * p, inverse_R_.col(b),
-                      log_R_.col(b), downdates_.col(b), missing_log_R_.col(b));
-  }
-  std::fill_n(state_data_.data(), static_cast<std::size_t>(p) * rows, 0.0);
-  if (n == 0) return;
-  dgemm_("T", "N", &rows, &n, &p, &blas::kOne, R_inv_H_.data(), &p, data.Y(), &p, &blas::kZero,
-         projected_.data(), &rows);
-}
-
-void BatchProducts::add_missing_cells(const StateSpaceModel& model, const EmData& data, int b,
-                                      double* yy) {
+// The terms of one start's missing cells, object by object: R + h P h' into
+// yy and h P into state_data, P summed over the object's missing columns.
+// moment is k x k scratch.
+template <int K>
+void add_missing_cells(const StateSpaceModel& model, const EmData& data, const StartProducts& s,
+                       double* yy, double* moment) {
   const int p = data.p();
-  const int k = k_;
+  const int k = small::dim<K>(s.k);
   const std::size_t kk = static_cast<std::size_t>(k) * k;
-  const StartProducts s = start(b);
-  double* moment = moment_sum_.data();
-  double* hS = moment + kk;
   for (int i = 0; i < p; ++i) {
     const std::span<const int> places = data.missing_places(i);
     if (places.empty()) continue;
@@ -136,17 +117,42 @@ void BatchProducts::add_missing_cells(const StateSpaceModel& model, const EmData
       for (std::size_t e = 0; e < kk; ++e) moment[e] += P[e];
     }
     const double* h = s.H_rows + static_cast<std::size_t>(i) * k;
+    double* xy = s.state_data + static_cast<std::size_t>(i) * s.ld;
     double hSh = 0.0;
     for (int r = 0; r < k; ++r) {
       double v = 0.0;
       for (int c = 0; c < k; ++c) v += moment[r + c * k] * h[c];
-      hS[r] = v;
+      xy[r] += v;
       hSh += h[r] * v;
     }
-    double* xy = s.state_data + static_cast<std::size_t>(i) * s.ld;
-    for (int r = 0; r < k; ++r) xy[r] += hS[r];
     yy[i] += static_cast<double>(places.size()) * model.R[i] + hSh;
   }
+}
+
+}  // namespace
+
+void BatchProducts::prepare(std::span<const StateSpaceModel* const> models, const EmData& data) {
+  starts_ = static_cast<int>(models.size());
+  k_ = models.front()->k();
+  int p = data.p();
+  int n = data.columns();
+  int rows = starts_ * k_;
+  for (int b = 0; b < starts_; ++b) {
+    const StateSpaceModel& model = *models[static_cast<std::size_t>(b)];
+    double* H_rows = H_rows_.data() + static_cast<std::size_t>(b) * k_ * p;
+    small::with_fixed_size(k_, [&](auto fixed) {
+      constexpr int K = decltype(fixed)::value;
+      prepare_model<K>(model, H_rows, R_inv_H_.col(b * k_), inverse_R_.col(b), log_R_.col(b),
+                       &sum_log_R_[static_cast<std::size_t>(b)],
+                       information_.data() + static_cast<std::size_t>(b) * k_ * k_);
+      prepare_downdates<K>(model, data, H_rows, inverse_R_.col(b), log_R_.col(b), downdates_.col(b),
+                           missing_log_R_.col(b));
+    });
+  }
+  std::fill_n(state_data_.data(), static_cast<std::size_t>(p) * rows, 0.0);
+  if (n == 0) return;
+  dgemm_("T", "N", &rows, &n, &p, &blas::kOne, R_inv_H_.data(), &p, data.Y(), &p, &blas::kZero,
+         projected_.data(), &rows);
 }
 
 void BatchProducts::finish(const EmData& data, std::span<const StateSpaceModel* const> models,
@@ -155,8 +161,11 @@ void BatchProducts::finish(const EmData& data, std::span<const StateSpaceModel* 
   int n = data.columns();
   int rows = starts_ * k_;
   for (int b = 0; b < starts_; ++b) {
-    add_missing_cells(*models[static_cast<std::size_t>(b)], data, b,
-                      sum_yy[static_cast<std::size_t>(b)]);
+    small::with_fixed_size(k_, [&](auto fixed) {
+      add_missing_cells<decltype(fixed)::value>(*models[static_cast<std::size_t>(b)], data,
+                                                start(b), sum_yy[static_cast<std::size_t>(b)],
+                                                moment_sum_.data());
+    });
   }
   if (n == 0) return;
   dgemm_("N", "T", &rows, &p, &n, &blas::kOne, states_.data(), &rows, data.Y(), &p, &blas::kOne,

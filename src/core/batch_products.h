@@ -67,10 +67,6 @@ class BatchProducts {
   void copy_sums(int b, Matrix* sum_yx) const;
 
  private:
-  // The terms of start b's missing cells, object by object: R + h P h' into
-  // yy and h P into state_data, P summed over the object's missing columns.
-  void add_missing_cells(const StateSpaceModel& model, const EmData& data, int b, double* yy);
-
   int starts_ = 0;
   int k_ = 0;
   Matrix H_rows_;          // (k p) x B
@@ -82,7 +78,7 @@ class BatchProducts {
   Matrix downdates_;       // (k k n) x B
   Matrix missing_log_R_;   // n x B
   Matrix second_moments_;  // (k k n) x B
-  Matrix moment_sum_;      // k x k, then k: scratch of finish()
+  Matrix moment_sum_;      // k x k: scratch of finish()
   Matrix projected_;       // (B k) x n
   Matrix states_;          // (B k) x n
   Matrix state_data_;      // (B k) x p
