@@ -1,6 +1,7 @@
 #include "core/batch_products.h"
 
 #include <cmath>
+#include <cstring>
 
 #include "linalg/blas.h"
 #include "linalg/small_matrix.h"
@@ -20,7 +21,7 @@ BatchProducts::BatchProducts(int p, int n_columns, int max_k, int max_starts)
       moment_sum_(max_k * max_k + max_k, 1),
       projected_(max_k * max_starts, n_columns),
       states_(max_k * max_starts, n_columns),
-      state_data_(max_k * max_starts, p) {}
+      data_states_(p, max_k * max_starts) {}
 
 StartProducts BatchProducts::start(int b) {
   const int kk = k_ * k_;
@@ -38,7 +39,7 @@ StartProducts BatchProducts::start(int b) {
                        second_moments_.col(b),
                        states_.data() + static_cast<std::size_t>(b) * k_,
                        starts_ * k_,
-                       state_data_.data() + static_cast<std::size_t>(b) * k_};
+                       data_states_.col(b * k_)};
 }
 
 namespace {
@@ -72,6 +73,28 @@ void prepare_model(const StateSpaceModel& model, double* H_rows, double* R_inv_H
   }
 }
 
+// Two doubles side by side, as the vector registers of most machines hold
+// them; its arithmetic is that of the two doubles on their own.
+using Pair = double __attribute__((vector_size(2 * sizeof(double))));
+
+// y += a x over K (or n) elements that do not overlap, two at a time where K
+// is even.
+template <int K>
+inline void add_scaled(int n, double a, const double* __restrict x, double* __restrict y) {
+  if constexpr (K > 0 && K % 2 == 0) {
+    const Pair scale = {a, a};
+    for (int i = 0; i < K; i += 2) {
+      Pair xi, yi;
+      std::memcpy(&xi, x + i, sizeof xi);
+      std::memcpy(&yi, y + i, sizeof yi);
+      yi += scale * xi;
+      std::memcpy(y + i, &yi, sizeof yi);
+    }
+  } else {
+    for (int i = 0; i < small::dim<K>(n); ++i) y[i] += a * x[i];
+  }
+}
+
 // The sums over the missing rows of each read column of h h' / R and of
 // log R, object by object, so that the model is read in order.
 template <int K>
@@ -90,17 +113,14 @@ void prepare_downdates(const StateSpaceModel& model, const EmData& data, const d
     const double w = inverse_R[i];
     for (const int j : places) {
       double* d = downdates + static_cast<std::size_t>(j) * kk;
-      for (int c = 0; c < k; ++c) {
-        const double hw = h[c] * w;
-        for (int r = 0; r < k; ++r) d[r + c * k] += h[r] * hw;
-      }
+      for (int c = 0; c < k; ++c) add_scaled<K>(k, h[c] * w, h, d + c * k);
       missing_log_R[j] += log_R[i];
     }
   }
 }
 
 // The terms of one start's missing cells, object by object: R + h P h' into
-// yy and h P into state_data, P summed over the object's missing columns.
+// yy and h P into data_states, P summed over the object's missing columns.
 // moment is k x k scratch.
 template <int K>
 void add_missing_cells(const StateSpaceModel& model, const EmData& data, const StartProducts& s,
@@ -113,16 +133,14 @@ void add_missing_cells(const StateSpaceModel& model, const EmData& data, const S
     if (places.empty()) continue;
     std::fill_n(moment, kk, 0.0);
     for (const int j : places) {
-      const double* P = s.second_moments + static_cast<std::size_t>(j) * kk;
-      for (std::size_t e = 0; e < kk; ++e) moment[e] += P[e];
+      add_scaled<K * K>(k * k, 1.0, s.second_moments + static_cast<std::size_t>(j) * kk, moment);
     }
     const double* h = s.H_rows + static_cast<std::size_t>(i) * k;
-    double* xy = s.state_data + static_cast<std::size_t>(i) * s.ld;
     double hSh = 0.0;
     for (int r = 0; r < k; ++r) {
       double v = 0.0;
       for (int c = 0; c < k; ++c) v += moment[r + c * k] * h[c];
-      xy[r] += v;
+      s.data_states[small::at(i, r, p)] += v;
       hSh += h[r] * v;
     }
     yy[i] += static_cast<double>(places.size()) * model.R[i] + hSh;
@@ -149,7 +167,6 @@ void BatchProducts::prepare(std::span<const StateSpaceModel* const> models, cons
                            missing_log_R_.col(b));
     });
   }
-  std::fill_n(state_data_.data(), static_cast<std::size_t>(p) * rows, 0.0);
   if (n == 0) return;
   dgemm_("T", "N", &rows, &n, &p, &blas::kOne, R_inv_H_.data(), &p, data.Y(), &p, &blas::kZero,
          projected_.data(), &rows);
@@ -160,6 +177,12 @@ void BatchProducts::finish(const EmData& data, std::span<const StateSpaceModel* 
   int p = data.p();
   int n = data.columns();
   int rows = starts_ * k_;
+  if (n > 0) {
+    dgemm_("N", "T", &p, &rows, &n, &blas::kOne, data.Y(), &p, states_.data(), &rows, &blas::kZero,
+           data_states_.data(), &p);
+  } else {
+    std::fill_n(data_states_.data(), static_cast<std::size_t>(p) * rows, 0.0);
+  }
   for (int b = 0; b < starts_; ++b) {
     small::with_fixed_size(k_, [&](auto fixed) {
       add_missing_cells<decltype(fixed)::value>(*models[static_cast<std::size_t>(b)], data,
@@ -167,19 +190,10 @@ void BatchProducts::finish(const EmData& data, std::span<const StateSpaceModel* 
                                                 moment_sum_.data());
     });
   }
-  if (n == 0) return;
-  dgemm_("N", "T", &rows, &p, &n, &blas::kOne, states_.data(), &rows, data.Y(), &p, &blas::kOne,
-         state_data_.data(), &rows);
 }
 
 void BatchProducts::copy_sums(int b, Matrix* sum_yx) const {
-  const int p = sum_yx->rows();
-  const std::size_t ld = static_cast<std::size_t>(starts_) * k_;
-  const double* from = state_data_.data() + static_cast<std::size_t>(b) * k_;
-  for (int j = 0; j < k_; ++j) {
-    double* to = sum_yx->col(j);
-    for (int i = 0; i < p; ++i) to[i] = from[j + i * ld];
-  }
+  std::copy_n(data_states_.col(b * k_), sum_yx->size(), sum_yx->data());
 }
 
 double batch_products_bytes(int p, int n_columns, int k, int starts) {

@@ -5,8 +5,8 @@
 // all time points and all starts at once, as matrix products:
 //
 //   projected = [R1^-1 H1 ... RB^-1 HB]' Y    (B k x n): H'R^-1 y of every read column
-//   state_data += [X1; ...; XB] Y'             (B k x p): the sums of x y' of every
-//                                              object, once the smoothed states X are in
+//   data_states += Y [X1 ... XB]'              (p x B k): the sums of y x', once the
+//                                              smoothed states X are in
 //
 // With one start it is the batch of one.
 
@@ -38,9 +38,9 @@ struct StartProducts {
   const double* missing_log_R;
   // Read column j: E[x x'] of its time point, k x k at second_moments + j * k * k.
   double* second_moments;
-  double* states;      // read column j: the smoothed state, k values at states + j * ld
-  int ld;              // B k
-  double* state_data;  // object i: k sums of x y[i] at state_data + i * ld
+  double* states;       // read column j: the smoothed state, k values at states + j * ld
+  int ld;               // B k
+  double* data_states;  // p x k: the sums of y x'
 };
 
 class BatchProducts {
@@ -55,12 +55,11 @@ class BatchProducts {
 
   // Everything before the filters: R^-1 H, H' R^-1 H and log R of each model,
   // the downdates of the missing cells, then the product projected. The
-  // models share p and k, and data the p and columns of the room; clears
-  // state_data.
+  // models share p and k, and data the p and columns of the room.
   void prepare(std::span<const StateSpaceModel* const> models, const EmData& data);
-  // After every start has written its states and second moments: the missing
-  // cells' terms of the sums of x y' and of y^2 (into each start's sum_yy),
-  // then state_data += states Y'.
+  // After every start has written its states and second moments:
+  // data_states = Y states', then the missing cells' terms of the sums of
+  // y x' and of y^2 (into each start's sum_yy).
   void finish(const EmData& data, std::span<const StateSpaceModel* const> models,
               std::span<double* const> sum_yy);
   // Start b's sums of y x', p x k, into sum_yx.
@@ -81,7 +80,7 @@ class BatchProducts {
   Matrix moment_sum_;      // k x k: scratch of finish()
   Matrix projected_;       // (B k) x n
   Matrix states_;          // (B k) x n
-  Matrix state_data_;      // (B k) x p
+  Matrix data_states_;     // p x (B k)
 };
 
 // Bytes a BatchProducts of these dimensions takes, in double precision.
