@@ -119,18 +119,22 @@ void prepare_downdates(const StateSpaceModel& model, const EmData& data, const d
   }
 }
 
-// The terms of one start's missing cells, object by object: R + h P h' into
-// yy and h P into data_states, P summed over the object's missing columns.
-// moment is k x k scratch.
+// The sums of y^2 of one start into yy, each object's sum of squares with
+// its missing cells' R + h P h', and their h P into data_states, P summed over
+// the object's missing columns. moment is k x k scratch.
 template <int K>
 void add_missing_cells(const StateSpaceModel& model, const EmData& data, const StartProducts& s,
                        double* yy, double* moment) {
   const int p = data.p();
   const int k = small::dim<K>(s.k);
   const std::size_t kk = static_cast<std::size_t>(k) * k;
+  const double* squares = data.sum_squares();
   for (int i = 0; i < p; ++i) {
     const std::span<const int> places = data.missing_places(i);
-    if (places.empty()) continue;
+    if (places.empty()) {
+      yy[i] = squares[i];
+      continue;
+    }
     std::fill_n(moment, kk, 0.0);
     for (const int j : places) {
       add_scaled<K * K>(k * k, 1.0, s.second_moments + static_cast<std::size_t>(j) * kk, moment);
@@ -143,7 +147,7 @@ void add_missing_cells(const StateSpaceModel& model, const EmData& data, const S
       s.data_states[small::at(i, r, p)] += v;
       hSh += h[r] * v;
     }
-    yy[i] += static_cast<double>(places.size()) * model.R[i] + hSh;
+    yy[i] = (static_cast<double>(places.size()) * model.R[i] + hSh) + squares[i];
   }
 }
 

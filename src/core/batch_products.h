@@ -59,7 +59,7 @@ class BatchProducts {
   void prepare(std::span<const StateSpaceModel* const> models, const EmData& data);
   // After every start has written its states and second moments:
   // data_states = Y states', then the missing cells' terms of the sums of
-  // y x' and of y^2 (into each start's sum_yy).
+  // y x', and each start's sums of y^2 into its sum_yy.
   void finish(const EmData& data, std::span<const StateSpaceModel* const> models,
               std::span<double* const> sum_yy);
   // Start b's sums of y x', p x k, into sum_yx.

@@ -67,7 +67,7 @@ void form_lag_covariances(Trajectory* s) {
 double pass_start(const StateSpaceModel& model, const EmData& data, StartProducts products,
                   EmBuffers* buffers) {
   const int k = model.k();
-  buffers->total_sums.reset(k);
+  buffers->total_sums.reset_states(k);
   double llh = 0.0;
   for (int r = 0; r < data.table().n_replicates; ++r) {
     const ReplicateView series = replicate_view(data, r);
@@ -96,12 +96,8 @@ void e_step_batch(std::span<const StateSpaceModel* const> models, const EmData& 
   std::array<double*, kMaxBatchStarts> yy{};
   for (std::size_t b = 0; b < models.size(); ++b) yy[b] = buffers[b]->total_sums.sum_yy.data();
   products->finish(data, models, {yy.data(), models.size()});
-  const int p = data.p();
   for (std::size_t b = 0; b < models.size(); ++b) {
-    SufficientStats& sums = buffers[b]->total_sums;
-    products->copy_sums(static_cast<int>(b), &sums.sum_yx);
-    const double* squares = data.sum_squares();
-    for (int i = 0; i < p; ++i) sums.sum_yy[static_cast<std::size_t>(i)] += squares[i];
+    products->copy_sums(static_cast<int>(b), &buffers[b]->total_sums.sum_yx);
   }
 }
 

@@ -16,9 +16,12 @@ void subtract_scaled(int n, double u, const double* __restrict x, double* __rest
   for (int r = 0; r < n; ++r) y[r] -= u * x[r];
 }
 
+// Rows of X solved side by side, in blocks that stay in the core's cache.
+constexpr int kRowBlock = 512;
+
 // X = A B^-1 (A and X rows x k, B k x k) through one LU factorisation of B:
 // for every row, the solve of B' x' = a' by U', then L', then the swaps in
-// reverse; all rows at once, column by column of X.
+// reverse; rows side by side, column by column of X, a block of rows at a time.
 template <int K>
 void right_divide(const double* __restrict A, const double* B, int rows, int k_,
                   double* __restrict X, Workspace* w) {
@@ -27,20 +30,23 @@ void right_divide(const double* __restrict A, const double* B, int rows, int k_,
   int* ipiv = w->pivots.get();
   small::copy(k * k, B, lu);
   small::getrf<K>(k, lu, ipiv);
-  auto column = [&](int j) { return X + at(0, j, rows); };
-  for (int j = 0; j < k; ++j) {
-    double* x = column(j);
-    std::copy_n(A + at(0, j, rows), rows, x);
-    for (int i = 0; i < j; ++i) subtract_scaled(rows, lu[at(i, j, k)], column(i), x);
-    const double pivot = lu[at(j, j, k)];
-    for (int r = 0; r < rows; ++r) x[r] /= pivot;
-  }
-  for (int j = k - 1; j >= 0; --j) {
-    for (int i = j + 1; i < k; ++i) subtract_scaled(rows, lu[at(i, j, k)], column(i), column(j));
-  }
-  for (int i = k - 1; i >= 0; --i) {
-    const int swap = ipiv[i] - 1;
-    if (k != 1 && swap != i) std::swap_ranges(column(i), column(i) + rows, column(swap));
+  for (int first = 0; first < rows; first += kRowBlock) {
+    const int n = std::min(kRowBlock, rows - first);
+    auto column = [&](int j) { return X + at(first, j, rows); };
+    for (int j = 0; j < k; ++j) {
+      double* x = column(j);
+      std::copy_n(A + at(first, j, rows), n, x);
+      for (int i = 0; i < j; ++i) subtract_scaled(n, lu[at(i, j, k)], column(i), x);
+      const double pivot = lu[at(j, j, k)];
+      for (int r = 0; r < n; ++r) x[r] /= pivot;
+    }
+    for (int j = k - 1; j >= 0; --j) {
+      for (int i = j + 1; i < k; ++i) subtract_scaled(n, lu[at(i, j, k)], column(i), column(j));
+    }
+    for (int i = k - 1; i >= 0; --i) {
+      const int swap = ipiv[i] - 1;
+      if (k != 1 && swap != i) std::swap_ranges(column(i), column(i) + n, column(swap));
+    }
   }
 }
 

@@ -23,6 +23,15 @@ void SufficientStats::reset(int k) {
   }
 }
 
+void SufficientStats::reset_states(int k) {
+  sum_x0.reshape(k, 1);
+  sum_yx.reshape(p(), k);
+  sum_xx_observed.reshape(k, k);
+  sum_xx_lag.reshape(k, k);
+  sum_xx_previous.reshape(k, k);
+  for (Matrix* m : {&sum_x0, &sum_xx_observed, &sum_xx_lag, &sum_xx_previous}) m->set_zero();
+}
+
 void SufficientStats::add(const SufficientStats& other) {
   const Matrix* from[] = {&other.sum_x0,          &other.sum_yy,     &other.sum_yx,
                           &other.sum_xx_observed, &other.sum_xx_lag, &other.sum_xx_previous};

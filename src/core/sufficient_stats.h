@@ -13,6 +13,9 @@ struct SufficientStats {
   int k() const { return sum_x0.rows(); }
   // Repacks for k states and clears every sum.
   void reset(int k);
+  // Repacks for k states and clears the sums of the states only; sum_yy and
+  // sum_yx are for the caller to write whole.
+  void reset_states(int k);
   // this += other, sum by sum in declaration order.
   void add(const SufficientStats& other);
 
