@@ -1,8 +1,10 @@
-// One EM pass (E-step and M-step) for k = 4, T = 20, 3 replicates, and where
-// its time goes: filter, smoother, the E-step sums, the M-step. BM_em_pass_T60
-// is the pass in the shape of the speed targets: T = 60, one replicate, with
-// its time as a multiple of the two products with the data that bound a pass
-// from below (counter x_products); BM_two_products_T60 times those alone.
+// One EM pass (E-step and M-step) for k = 4, T = 20, 3 replicates, and parts
+// of it: the filter in its direct form, the smoother, the M-step.
+// BM_em_pass_T60 is the pass in the shape of the speed targets: T = 60, one
+// replicate, with its time as a multiple of the two products with the data
+// that bound a pass from below (counter x_products); BM_two_products_T60
+// times those alone; BM_em_pass_batch_T60 is one pass of 8 starts side by
+// side (counter starts).
 
 #include <benchmark/benchmark.h>
 

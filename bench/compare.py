@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Runs two or more builds of tarn_bench in turns and prints, per benchmark,
-the best time of each (microseconds) and the ratio of the second to the
-first. Taking the best of interleaved runs keeps the load of a shared machine
-out of the comparison.
+the best time of each (microseconds) and the ratio of the first to the
+second; a benchmark that one build lacks shows a dash there. Taking the best
+of interleaved runs keeps the load of a shared machine out of the comparison.
 
     bench/compare.py REGEX OLD/tarn_bench NEW/tarn_bench [ROUNDS]
 """
@@ -28,8 +28,9 @@ def main():
                     d = best[r["name"]]
                     d[b] = min(d.get(b, float("inf")), r["real_time"])
     for name, d in best.items():
-        times = "  ".join("%10.1f" % d[b] for b in bins)
-        ratio = "   x%.2f" % (d[bins[0]] / d[bins[1]]) if len(bins) > 1 else ""
+        times = "  ".join("%10.1f" % d[b] if b in d else "%10s" % "-" for b in bins)
+        both = len(bins) > 1 and all(b in d for b in bins)
+        ratio = "   x%.2f" % (d[bins[0]] / d[bins[1]]) if both else ""
         print("%-28s %s%s" % (name, times, ratio))
 
 

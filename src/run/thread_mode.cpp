@@ -44,6 +44,17 @@ SetLog write_set(const RunContext& context, const Estimate* best, int number,
   return out;
 }
 
+// The batch size of the team: as large as batch_size allows while the job
+// still has a batch for every thread.
+int team_batch_size(const InitialModelSettings& init, const Job& job, int threads) {
+  int batch = batch_size(init, job.starts);
+  auto tasks = [&](int b) {
+    return job.sets.size() * static_cast<std::size_t>((job.starts + b - 1) / b);
+  };
+  while (batch > 1 && tasks(batch) < static_cast<std::size_t>(threads)) --batch;
+  return batch;
+}
+
 // The starts of a batch, in order, each as its set's next finished start:
 // an attempt that fails is retried alone in the first record, which the
 // starts before it no longer need. Returns the place's count of finished
@@ -85,7 +96,7 @@ Result<int> finish_batch(const StartContext& starts, const PlannedSet& set, int 
 void work_through_tasks(const RunContext& context, const StartContext& starts, SetBests* bests,
                         TeamState* team) {
   const Job& job = context.job;
-  const int batch = batch_size(starts.init, job.starts);
+  const int batch = team_batch_size(starts.init, job, omp_get_num_threads());
   const std::size_t per_set = static_cast<std::size_t>((job.starts + batch - 1) / batch);
   const std::size_t n_tasks = job.sets.size() * per_set;
   // Private records for the largest dim.
