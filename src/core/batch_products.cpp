@@ -9,34 +9,50 @@
 namespace tarn {
 
 BatchProducts::BatchProducts(int p, int n_columns, int max_k, int max_starts)
-    : H_rows_(max_k * p, max_starts),
+    : H_rows_(array_size(max_k, p, max_starts)),
       R_inv_H_(p, max_k * max_starts),
       inverse_R_(p, max_starts),
       log_R_(p, max_starts),
       sum_log_R_(max_starts, 1),
-      information_(max_k * max_k, max_starts),
-      downdates_(max_k * max_k * n_columns, max_starts),
+      information_(array_size(max_k, max_k, max_starts)),
+      downdates_(array_size(max_k, max_k, n_columns, max_starts)),
       missing_log_R_(n_columns, max_starts),
-      second_moments_(max_k * max_k * n_columns, max_starts),
-      moment_sum_(max_k * max_k + max_k, 1),
+      second_moments_(array_size(max_k, max_k, n_columns, max_starts)),
+      moment_sum_(array_size(max_k, max_k)),
       projected_(max_k * max_starts, n_columns),
       states_(max_k * max_starts, n_columns),
       data_states_(p, max_k * max_starts) {}
 
+double* BatchProducts::H_rows_of(int b) {
+  return H_rows_.get() + static_cast<std::size_t>(b) * k_ * R_inv_H_.rows();
+}
+
+double* BatchProducts::information_of(int b) {
+  return information_.get() + static_cast<std::size_t>(b) * k_ * k_;
+}
+
+double* BatchProducts::downdates_of(int b) {
+  return downdates_.get() +
+         static_cast<std::size_t>(b) * k_ * k_ * static_cast<std::size_t>(missing_log_R_.rows());
+}
+
+double* BatchProducts::second_moments_of(int b) {
+  return second_moments_.get() +
+         static_cast<std::size_t>(b) * k_ * k_ * static_cast<std::size_t>(missing_log_R_.rows());
+}
+
 StartProducts BatchProducts::start(int b) {
-  const int kk = k_ * k_;
-  const std::size_t k_by_p = static_cast<std::size_t>(k_) * R_inv_H_.rows();
   return StartProducts{k_,
-                       H_rows_.data() + b * k_by_p,
+                       H_rows_of(b),
                        R_inv_H_.col(b * k_),
-                       information_.data() + static_cast<std::size_t>(b) * kk,
+                       information_of(b),
                        log_R_.col(b),
                        sum_log_R_[static_cast<std::size_t>(b)],
                        projected_.data() + static_cast<std::size_t>(b) * k_,
                        inverse_R_.col(b),
-                       downdates_.col(b),
+                       downdates_of(b),
                        missing_log_R_.col(b),
-                       second_moments_.col(b),
+                       second_moments_of(b),
                        states_.data() + static_cast<std::size_t>(b) * k_,
                        starts_ * k_,
                        data_states_.col(b * k_)};
@@ -161,14 +177,12 @@ void BatchProducts::prepare(std::span<const StateSpaceModel* const> models, cons
   int rows = starts_ * k_;
   for (int b = 0; b < starts_; ++b) {
     const StateSpaceModel& model = *models[static_cast<std::size_t>(b)];
-    double* H_rows = H_rows_.data() + static_cast<std::size_t>(b) * k_ * p;
     small::with_fixed_size(k_, [&](auto fixed) {
       constexpr int K = decltype(fixed)::value;
-      prepare_model<K>(model, H_rows, R_inv_H_.col(b * k_), inverse_R_.col(b), log_R_.col(b),
-                       &sum_log_R_[static_cast<std::size_t>(b)],
-                       information_.data() + static_cast<std::size_t>(b) * k_ * k_);
-      prepare_downdates<K>(model, data, H_rows, inverse_R_.col(b), log_R_.col(b), downdates_.col(b),
-                           missing_log_R_.col(b));
+      prepare_model<K>(model, H_rows_of(b), R_inv_H_.col(b * k_), inverse_R_.col(b), log_R_.col(b),
+                       &sum_log_R_[static_cast<std::size_t>(b)], information_of(b));
+      prepare_downdates<K>(model, data, H_rows_of(b), inverse_R_.col(b), log_R_.col(b),
+                           downdates_of(b), missing_log_R_.col(b));
     });
   }
   if (n == 0) return;
@@ -191,7 +205,7 @@ void BatchProducts::finish(const EmData& data, std::span<const StateSpaceModel* 
     small::with_fixed_size(k_, [&](auto fixed) {
       add_missing_cells<decltype(fixed)::value>(*models[static_cast<std::size_t>(b)], data,
                                                 start(b), sum_yy[static_cast<std::size_t>(b)],
-                                                moment_sum_.data());
+                                                moment_sum_.get());
     });
   }
 }

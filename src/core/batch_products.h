@@ -14,6 +14,7 @@
 
 #include "core/em_data.h"
 #include "core/model.h"
+#include "linalg/heap_array.h"
 #include "linalg/matrix.h"
 
 namespace tarn {
@@ -66,21 +67,29 @@ class BatchProducts {
   void copy_sums(int b, Matrix* sum_yx) const;
 
  private:
+  // Start b's block of each array packed by the current k.
+  double* H_rows_of(int b);
+  double* information_of(int b);
+  double* downdates_of(int b);
+  double* second_moments_of(int b);
+
   int starts_ = 0;
   int k_ = 0;
-  Matrix H_rows_;          // (k p) x B
-  Matrix R_inv_H_;         // p x (B k)
-  Matrix inverse_R_;       // p x B
-  Matrix log_R_;           // p x B
-  Matrix sum_log_R_;       // B
-  Matrix information_;     // k x k x B
-  Matrix downdates_;       // (k k n) x B
-  Matrix missing_log_R_;   // n x B
-  Matrix second_moments_;  // (k k n) x B
-  Matrix moment_sum_;      // k x k: scratch of finish()
-  Matrix projected_;       // (B k) x n
-  Matrix states_;          // (B k) x n
-  Matrix data_states_;     // p x (B k)
+  // Blocks of k x k or k x p per start, packed by the current k; their room
+  // counted in 64 bits.
+  HeapArray<double> H_rows_;          // (k p) x B
+  Matrix R_inv_H_;                    // p x (B k)
+  Matrix inverse_R_;                  // p x B
+  Matrix log_R_;                      // p x B
+  Matrix sum_log_R_;                  // B
+  HeapArray<double> information_;     // k x k x B
+  HeapArray<double> downdates_;       // (k k n) x B
+  Matrix missing_log_R_;              // n x B
+  HeapArray<double> second_moments_;  // (k k n) x B
+  HeapArray<double> moment_sum_;      // k x k: scratch of finish()
+  Matrix projected_;                  // (B k) x n
+  Matrix states_;                     // (B k) x n
+  Matrix data_states_;                // p x (B k)
 };
 
 // Bytes a BatchProducts of these dimensions takes, in double precision.

@@ -39,7 +39,7 @@ Status run_array_task(const RunContext& context) {
 
   const EmData em_data(context.data);
   EstimationRecords rec(em_data, k, settings.em.constrain_F,
-                        batch_size(settings.init, context.job.starts));
+                        batch_size(settings.init, settings.em, context.job.starts));
   if (settings.em.constrain_F != 0) rec.prepare_F_constraint(k);
   StartGuard guard(settings.em.retry);
   const StartContext starts{settings.em, settings.init, em_data, log, &guard, true};

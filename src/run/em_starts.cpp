@@ -44,17 +44,19 @@ class LogBuffer {
 
 }  // namespace
 
-BatchOutcome run_batch(const StartContext& context, int k, int n, EstimationRecords* rec) {
+BatchOutcome run_batch(const StartContext& context, int k, std::span<StateSpaceModel* const> models,
+                       EstimationRecords* rec) {
+  const int n = static_cast<int>(models.size());
   BatchOutcome out;
   std::vector<LogBuffer> buffers(static_cast<std::size_t>(n));
-  std::vector<StateSpaceModel*> models;
   std::vector<EmBuffers*> em_buffers;
   std::vector<std::FILE*> logs;
   for (int b = 0; b < n; ++b) {
-    models.push_back(rec->working[static_cast<std::size_t>(b)].get());
     em_buffers.push_back(rec->buffers[static_cast<std::size_t>(b)].get());
     logs.push_back(buffers[static_cast<std::size_t>(b)].stream());
   }
+  // Nothing in the lock allocates: an exception may not leave it.
+  out.after_draws.reserve(static_cast<std::size_t>(n));
   // The run's one random stream, shared by the threads.
 #pragma omp critical
   for (int b = 0; b < n; ++b) {
@@ -96,10 +98,16 @@ Result<Verdict> judge_attempt(const StartContext& context, int k, const Estimate
 Result<Estimate> estimate_set(const StartContext& context, int k, int starts,
                               EstimationRecords* rec) {
   Estimate best{-DBL_MAX, -DBL_MAX, false, false, -1, nullptr};
+  // The records the starts work in and the one that keeps the best: a start
+  // better than the best so far trades records with it, for this set only.
+  std::vector<StateSpaceModel*> working;
+  for (const auto& model : rec->working) working.push_back(model.get());
+  StateSpaceModel* keeper = rec->best.get();
   int failed = 0;  // failed attempts of the next start
   for (int done = 0; done < starts;) {
     const int n = std::min(rec->batch(), starts - done);
-    const BatchOutcome batch = run_batch(context, k, n, rec);
+    const BatchOutcome batch =
+        run_batch(context, k, std::span(working).first(static_cast<std::size_t>(n)), rec);
     for (int b = 0; b < n; ++b) {
       const std::size_t slot = static_cast<std::size_t>(b);
       std::fputs(batch.logs[slot].c_str(), context.log);
@@ -120,11 +128,11 @@ Result<Estimate> estimate_set(const StartContext& context, int k, int starts,
       std::fflush(context.log);
       if (res.log_likelihood > best.log_likelihood) {
         best = res;
-        std::swap(rec->working[slot], rec->best);
+        std::swap(working[slot], keeper);
       }
     }
   }
-  best.model = rec->best.get();
+  best.model = keeper;
   return best;
 }
 

@@ -6,6 +6,7 @@
 // of starts run one after the other.
 
 #include <cstdio>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -33,9 +34,11 @@ struct BatchOutcome {
   std::vector<RandomStream> after_draws;  // the run's stream after each start's draw
 };
 
-// Draws the random models of n starts of dimension k in order (under one lock,
-// the stream being the run's) and runs them side by side.
-BatchOutcome run_batch(const StartContext& context, int k, int n, EstimationRecords* rec);
+// Draws the random models of starts of dimension k into models, in order
+// (under one lock, the stream being the run's), and runs them side by side in
+// the first buffers of rec.
+BatchOutcome run_batch(const StartContext& context, int k, std::span<StateSpaceModel* const> models,
+                       EstimationRecords* rec);
 
 // What becomes of an attempt.
 enum class Verdict { kKept, kRetried };
@@ -47,7 +50,7 @@ Result<Verdict> judge_attempt(const StartContext& context, int k, const Estimate
                               int* count);
 
 // The starts of one set, in batches, logged; the best of them, its model in
-// rec->best.
+// one of rec's records.
 Result<Estimate> estimate_set(const StartContext& context, int k, int starts,
                               EstimationRecords* rec);
 

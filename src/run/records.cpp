@@ -4,8 +4,8 @@
 
 namespace tarn {
 
-int batch_size(const InitialModelSettings& init, int starts) {
-  if (!(init.F_min < init.F_max)) return 1;
+int batch_size(const InitialModelSettings& init, const EmSettings& em, int starts) {
+  if (!(init.F_min < init.F_max) || em.verbose >= 2) return 1;
   return std::clamp(starts, 1, kMaxBatchStarts);
 }
 

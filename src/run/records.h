@@ -13,8 +13,9 @@ namespace tarn {
 
 // How many starts of a set advance together: up to kMaxBatchStarts, and one at a
 // time where a start's random model depends on how the one before ended (an
-// empty range for F leaves F as the model record held it).
-int batch_size(const InitialModelSettings& init, int starts);
+// empty range for F leaves F as the model record held it) or where every pass
+// is logged (-v 2), so that the lines come as the passes run.
+int batch_size(const InitialModelSettings& init, const EmSettings& em, int starts);
 
 struct EstimationRecords {
   EstimationRecords(const EmData& data, int k, int constrain_F, int batch);
@@ -23,8 +24,8 @@ struct EstimationRecords {
   // The constraint on the diagonal of F, for dimension k, in every workspace.
   void prepare_F_constraint(int k);
 
-  // Per start of a batch: the model it works on and its buffers. A start
-  // that is the best of its set so far swaps its model with best.
+  // Per start of a batch: the model it works on and its buffers; and one
+  // more model, for the best of a set.
   std::vector<std::unique_ptr<StateSpaceModel>> working;
   std::vector<std::unique_ptr<EmBuffers>> buffers;
   std::unique_ptr<StateSpaceModel> best;

@@ -55,7 +55,7 @@ Status run_single_mode(const RunContext& context) {
 
   const EmData em_data(context.data);
   EstimationRecords rec(em_data, max_k, settings.em.constrain_F,
-                        batch_size(settings.init, context.job.starts));
+                        batch_size(settings.init, settings.em, context.job.starts));
   StartGuard guard(settings.em.retry);
   const StartContext starts{settings.em, settings.init, em_data, log, &guard, true};
   const int n_dims = static_cast<int>(context.job.dims.size());

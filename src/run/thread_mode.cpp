@@ -46,8 +46,8 @@ SetLog write_set(const RunContext& context, const Estimate* best, int number,
 
 // The batch size of the team: as large as batch_size allows while the job
 // still has a batch for every thread.
-int team_batch_size(const InitialModelSettings& init, const Job& job, int threads) {
-  int batch = batch_size(init, job.starts);
+int team_batch_size(const StartContext& starts, const Job& job, int threads) {
+  int batch = batch_size(starts.init, starts.em, job.starts);
   auto tasks = [&](int b) {
     return job.sets.size() * static_cast<std::size_t>((job.starts + b - 1) / b);
   };
@@ -76,7 +76,8 @@ Result<int> finish_batch(const StartContext& starts, const PlannedSet& set, int 
       if (!verdict.ok()) return verdict.status();
       rec->last = rec->buffers[failed > 0 ? 0 : b].get();
       if (verdict.value() == Verdict::kKept) break;
-      BatchOutcome again = run_batch(starts, set.k, 1, rec);
+      StateSpaceModel* const first[] = {rec->working.front().get()};
+      BatchOutcome again = run_batch(starts, set.k, first, rec);
       attempt = again.results.front();
       lines = std::move(again.logs.front());
     }
@@ -96,7 +97,7 @@ Result<int> finish_batch(const StartContext& starts, const PlannedSet& set, int 
 void work_through_tasks(const RunContext& context, const StartContext& starts, SetBests* bests,
                         TeamState* team) {
   const Job& job = context.job;
-  const int batch = team_batch_size(starts.init, job, omp_get_num_threads());
+  const int batch = team_batch_size(starts, job, omp_get_num_threads());
   const std::size_t per_set = static_cast<std::size_t>((job.starts + batch - 1) / batch);
   const std::size_t n_tasks = job.sets.size() * per_set;
   // Private records for the largest dim.
@@ -114,7 +115,11 @@ void work_through_tasks(const RunContext& context, const StartContext& starts, S
       rec.prepare_F_constraint(set.k);
       prepared_k = set.k;
     }
-    BatchOutcome outcome = run_batch(starts, set.k, std::min(batch, job.starts - first), &rec);
+    std::vector<StateSpaceModel*> models;
+    for (int b = 0; b < std::min(batch, job.starts - first); ++b) {
+      models.push_back(rec.working[static_cast<std::size_t>(b)].get());
+    }
+    BatchOutcome outcome = run_batch(starts, set.k, models, &rec);
     const Result<int> finished = finish_batch(starts, set, place, &outcome, &rec, bests);
     bool stop = false;
     bool set_done = false;
