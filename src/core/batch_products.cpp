@@ -145,6 +145,9 @@ void add_missing_cells(const StateSpaceModel& model, const EmData& data, const S
   const int k = small::dim<K>(s.k);
   const std::size_t kk = static_cast<std::size_t>(k) * k;
   const double* squares = data.sum_squares();
+  // A fixed k keeps the sum in registers.
+  double fixed_moment[K > 0 ? K * K : 1];
+  if constexpr (K > 0) moment = fixed_moment;
   for (int i = 0; i < p; ++i) {
     const std::span<const int> places = data.missing_places(i);
     if (places.empty()) {
