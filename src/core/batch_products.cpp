@@ -193,8 +193,7 @@ void BatchProducts::prepare(std::span<const StateSpaceModel* const> models, cons
          projected_.data(), &rows);
 }
 
-void BatchProducts::finish(const EmData& data, std::span<const StateSpaceModel* const> models,
-                           std::span<double* const> sum_yy) {
+void BatchProducts::finish(const EmData& data) {
   int p = data.p();
   int n = data.columns();
   int rows = starts_ * k_;
@@ -204,17 +203,15 @@ void BatchProducts::finish(const EmData& data, std::span<const StateSpaceModel* 
   } else {
     std::fill_n(data_states_.data(), static_cast<std::size_t>(p) * rows, 0.0);
   }
-  for (int b = 0; b < starts_; ++b) {
-    small::with_fixed_size(k_, [&](auto fixed) {
-      add_missing_cells<decltype(fixed)::value>(*models[static_cast<std::size_t>(b)], data,
-                                                start(b), sum_yy[static_cast<std::size_t>(b)],
-                                                moment_sum_.get());
-    });
-  }
 }
 
-void BatchProducts::copy_sums(int b, Matrix* sum_yx) const {
-  std::copy_n(data_states_.col(b * k_), sum_yx->size(), sum_yx->data());
+void BatchProducts::write_sums(int b, const StateSpaceModel& model, const EmData& data,
+                               SufficientStats* sums) {
+  small::with_fixed_size(k_, [&](auto fixed) {
+    add_missing_cells<decltype(fixed)::value>(model, data, start(b), sums->sum_yy.data(),
+                                              moment_sum_.get());
+  });
+  std::copy_n(data_states_.col(b * k_), sums->sum_yx.size(), sums->sum_yx.data());
 }
 
 double batch_products_bytes(int p, int n_columns, int k, int starts) {

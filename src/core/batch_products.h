@@ -14,12 +14,13 @@
 
 #include "core/em_data.h"
 #include "core/model.h"
+#include "core/sufficient_stats.h"
 #include "linalg/heap_array.h"
 #include "linalg/matrix.h"
 
 namespace tarn {
 
-// The most starts a batch holds.
+// The most starts of a set that advance together.
 constexpr int kMaxBatchStarts = 8;
 
 // Start b's share of the batch, as the filter reads it and the E-step sums
@@ -46,8 +47,7 @@ struct StartProducts {
 
 class BatchProducts {
  public:
-  // Room for up to max_starts (at most kMaxBatchStarts) starts of up to max_k
-  // states.
+  // Room for up to max_starts starts of up to max_k states.
   BatchProducts(int p, int n_columns, int max_k, int max_starts);
 
   int starts() const { return starts_; }
@@ -59,12 +59,11 @@ class BatchProducts {
   // models share p and k, and data the p and columns of the room.
   void prepare(std::span<const StateSpaceModel* const> models, const EmData& data);
   // After every start has written its states and second moments:
-  // data_states = Y states', then the missing cells' terms of the sums of
-  // y x', and each start's sums of y^2 into its sum_yy.
-  void finish(const EmData& data, std::span<const StateSpaceModel* const> models,
-              std::span<double* const> sum_yy);
-  // Start b's sums of y x', p x k, into sum_yx.
-  void copy_sums(int b, Matrix* sum_yx) const;
+  // data_states = Y states'.
+  void finish(const EmData& data);
+  // Then, for start b with its model: the missing cells' terms added, its sums
+  // of y x' and of y^2 written whole into sums.
+  void write_sums(int b, const StateSpaceModel& model, const EmData& data, SufficientStats* sums);
 
  private:
   // Start b's block of each array packed by the current k.
@@ -86,7 +85,7 @@ class BatchProducts {
   HeapArray<double> downdates_;       // (k k n) x B
   Matrix missing_log_R_;              // n x B
   HeapArray<double> second_moments_;  // (k k n) x B
-  HeapArray<double> moment_sum_;      // k x k: scratch of finish()
+  HeapArray<double> moment_sum_;      // k x k: scratch of write_sums()
   Matrix projected_;                  // (B k) x n
   Matrix states_;                     // (B k) x n
   Matrix data_states_;                // p x (B k)

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <array>
 
 #include "core/em.h"
 #include "linalg/small_matrix.h"
@@ -93,11 +92,9 @@ void e_step_batch(std::span<const StateSpaceModel* const> models, const EmData& 
   for (std::size_t b = 0; b < models.size(); ++b) {
     llh[b] = pass_start(*models[b], data, products->start(static_cast<int>(b)), buffers[b]);
   }
-  std::array<double*, kMaxBatchStarts> yy{};
-  for (std::size_t b = 0; b < models.size(); ++b) yy[b] = buffers[b]->total_sums.sum_yy.data();
-  products->finish(data, models, {yy.data(), models.size()});
+  products->finish(data);
   for (std::size_t b = 0; b < models.size(); ++b) {
-    products->copy_sums(static_cast<int>(b), &buffers[b]->total_sums.sum_yx);
+    products->write_sums(static_cast<int>(b), *models[b], data, &buffers[b]->total_sums);
   }
 }
 

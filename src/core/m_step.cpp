@@ -62,34 +62,20 @@ void update_R(const SufficientStats& sums, int n_samples, StateSpaceModel* model
   const double* __restrict yy = sums.sum_yy.data();
   const double* __restrict xx = sums.sum_xx_observed.data();
   double* __restrict R = model->R.data();
-  if constexpr (K == 0) {
-    // Sizes without code of their own: one row at a time.
-    double* xh = w->vector_scratch.data();
-    for (int i = 0; i < p; ++i) {
-      double a = 0.0;
-      for (int j = 0; j < k; ++j) a += H[at(i, j, p)] * yx[at(i, j, p)];
-      for (int j = 0; j < k; ++j) xh[j] = 0.0;
-      for (int l = 0; l < k; ++l) {
-        const double h = H[at(i, l, p)];
-        for (int j = 0; j < k; ++j) xh[j] += h * xx[at(j, l, k)];
-      }
-      double b = 0.0;
-      for (int j = 0; j < k; ++j) b += H[at(i, j, p)] * xh[j];
-      R[i] = (yy[i] - a - a + b) * c;
+  // A fixed k keeps h xx in registers; other sizes use the scratch vector.
+  double fixed_xh[K > 0 ? K : 1];
+  double* xh = K > 0 ? fixed_xh : w->vector_scratch.data();
+  for (int i = 0; i < p; ++i) {
+    double a = 0.0;
+    for (int j = 0; j < k; ++j) a += H[at(i, j, p)] * yx[at(i, j, p)];
+    for (int j = 0; j < k; ++j) xh[j] = 0.0;
+    for (int l = 0; l < k; ++l) {
+      const double h = H[at(i, l, p)];
+      for (int j = 0; j < k; ++j) xh[j] += h * xx[at(j, l, k)];
     }
-  } else {
-    for (int i = 0; i < p; ++i) {
-      double a = 0.0;
-      for (int j = 0; j < K; ++j) a += H[at(i, j, p)] * yx[at(i, j, p)];
-      double xh[K] = {};
-      for (int l = 0; l < K; ++l) {
-        const double h = H[at(i, l, p)];
-        for (int j = 0; j < K; ++j) xh[j] += h * xx[at(j, l, K)];
-      }
-      double b = 0.0;
-      for (int j = 0; j < K; ++j) b += H[at(i, j, p)] * xh[j];
-      R[i] = (yy[i] - a - a + b) * c;
-    }
+    double b = 0.0;
+    for (int j = 0; j < k; ++j) b += H[at(i, j, p)] * xh[j];
+    R[i] = (yy[i] - a - a + b) * c;
   }
 }
 

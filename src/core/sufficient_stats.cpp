@@ -13,14 +13,9 @@ SufficientStats::SufficientStats(int p, int max_k)
       sum_xx_previous(max_k, max_k) {}
 
 void SufficientStats::reset(int k) {
-  sum_x0.reshape(k, 1);
-  sum_yx.reshape(p(), k);
-  sum_xx_observed.reshape(k, k);
-  sum_xx_lag.reshape(k, k);
-  sum_xx_previous.reshape(k, k);
-  for (Matrix* m : {&sum_x0, &sum_yy, &sum_yx, &sum_xx_observed, &sum_xx_lag, &sum_xx_previous}) {
-    m->set_zero();
-  }
+  reset_states(k);
+  sum_yy.set_zero();
+  sum_yx.set_zero();
 }
 
 void SufficientStats::reset_states(int k) {

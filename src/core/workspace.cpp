@@ -36,10 +36,7 @@ Workspace::Workspace(int p, int max_k, bool constrain_F)
       log_R(p, 1),
       square_a(max_k, max_k),
       square_b(max_k, max_k),
-      second_moment(max_k, max_k),
       vector_scratch(max_k, 1),
-      // Room for the transpose of a k x k matrix as well, for the update of F when k > p.
-      transposed(std::max(p, max_k), max_k),
       svd_lwork(query_gesvd_lwork(p, max_k)) {
   const long long svd_size =
       std::max({static_cast<long long>(svd_lwork), static_cast<long long>(p),

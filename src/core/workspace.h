@@ -25,13 +25,11 @@ struct Workspace {
   Matrix log_R;                 // p
   Matrix square_a;              // k x k
   Matrix square_b;              // k x k
-  Matrix second_moment;         // k x k: E[x x'] of one time point, in the E-step
   // k: shared by the smoother (smoothed_mean[t+1] - predicted_mean[t]), the
   // E-step's missing rows, the M-step's R and the canonical form's singular
   // values. With p < k the canonical form reads its entries past p as the
   // passes before left them, and the result files hold what follows from that.
   Matrix vector_scratch;
-  Matrix transposed;           // max(p, k) x k: a transposed right-hand side
   HeapArray<double> svd_work;  // max(svd_lwork, p, k, k * k)
   int svd_lwork = 0;           // DGESVD workspace queried for p x max_k
   Matrix F_selection;  // (k * k) x k: the selection of diag(F); empty without the constraint

@@ -1,11 +1,11 @@
 #include "run/em_starts.h"
 
+#include <algorithm>
 #include <cfloat>
-#include <cstdlib>
-#include <new>
 #include <utility>
 
 #include "core/initial_model.h"
+#include "io/log_buffer.h"
 #include "io/model_file.h"
 
 namespace tarn {
@@ -16,31 +16,6 @@ void warn_retry_limit(std::FILE* log) {
   std::fprintf(log, "WARNING: Retry count exceeded the limitation.\n");
   std::fflush(log);
 }
-
-// A stream in memory for one start's log lines.
-class LogBuffer {
- public:
-  LogBuffer() : stream_(open_memstream(&text_, &size_)) {
-    if (stream_ == nullptr) throw std::bad_alloc();
-  }
-  ~LogBuffer() {
-    if (stream_ != nullptr) std::fclose(stream_);
-    std::free(text_);
-  }
-  LogBuffer(const LogBuffer&) = delete;
-  LogBuffer& operator=(const LogBuffer&) = delete;
-  std::FILE* stream() const { return stream_; }
-  std::string take() {
-    std::fclose(stream_);
-    stream_ = nullptr;
-    return std::string(text_, size_);
-  }
-
- private:
-  char* text_ = nullptr;
-  std::size_t size_ = 0;
-  std::FILE* stream_;
-};
 
 }  // namespace
 

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 #include <new>
 #include <string>
 
+#include "io/log_buffer.h"
 #include "io/read_table.h"
 #include "run/em_starts.h"
 #include "run/modes.h"
@@ -20,7 +20,7 @@ namespace {
 
 // What the team shares; every member is read and written under the lock.
 struct TeamState {
-  std::size_t next_task = 0;  // tasks are the starts of the job's sets, set by set
+  std::size_t next_task = 0;  // tasks are the batches of the job's sets, set by set
   Status error;               // the first error of a thread: the run ends on it
 };
 
@@ -32,15 +32,10 @@ struct SetLog {
 
 SetLog write_set(const RunContext& context, const Estimate* best, int number,
                  EstimationRecords* rec) {
-  char* text = nullptr;
-  std::size_t size = 0;
-  std::FILE* buffer = open_memstream(&text, &size);
-  if (buffer == nullptr) throw std::bad_alloc();
+  LogBuffer buffer;
   SetLog out;
-  out.status = finish_set(context, best, number, rec->last, buffer);
-  std::fclose(buffer);
-  out.lines.assign(text, size);
-  std::free(text);
+  out.status = finish_set(context, best, number, rec->last, buffer.stream());
+  out.lines = buffer.take();
   return out;
 }
 
