@@ -111,25 +111,47 @@ inline void add_scaled(int n, double a, const double* __restrict x, double* __re
   }
 }
 
+// Up to this many values of H, a column's missing rows are read where they
+// lie in a cache; past it, the model is read once in order.
+constexpr double kScatteredReadLimit = 131072.0;
+
 // The sums over the missing rows of each read column of h h' / R and of
-// log R, object by object, so that the model is read in order.
+// log R, column by column in registers where k is fixed.
 template <int K>
-void prepare_downdates(const StateSpaceModel& model, const EmData& data, const double* H_rows,
-                       const double* inverse_R, const double* log_R, double* downdates,
-                       double* missing_log_R) {
-  const int p = model.p();
-  const int k = small::dim<K>(model.k());
+void downdates_by_column(int k_, const EmData& data, const double* H_rows, const double* inverse_R,
+                         const double* log_R, double* downdates, double* missing_log_R) {
+  const int k = small::dim<K>(k_);
+  const std::size_t kk = static_cast<std::size_t>(k) * k;
+  double fixed_sum[K > 0 ? K * K : 1];
+  for (int j = 0; j < data.columns(); ++j) {
+    double* d = downdates + static_cast<std::size_t>(j) * kk;
+    double* sum = K > 0 ? fixed_sum : d;
+    std::fill_n(sum, kk, 0.0);
+    double log_sum = 0.0;
+    for (const int* m = data.missing_rows(j); *m != -1; ++m) {
+      const double* h = H_rows + static_cast<std::size_t>(*m) * k;
+      const double w = inverse_R[*m];
+      for (int c = 0; c < k; ++c) add_scaled<K>(k, h[c] * w, h, sum + c * k);
+      log_sum += log_R[*m];
+    }
+    if constexpr (K > 0) std::copy_n(fixed_sum, kk, d);
+    missing_log_R[j] = log_sum;
+  }
+}
+
+// The same sums, object by object, in the same order within each column.
+template <int K>
+void downdates_by_object(int k_, const EmData& data, const double* H_rows, const double* inverse_R,
+                         const double* log_R, double* downdates, double* missing_log_R) {
+  const int k = small::dim<K>(k_);
   const std::size_t kk = static_cast<std::size_t>(k) * k;
   std::fill_n(downdates, kk * data.columns(), 0.0);
   std::fill_n(missing_log_R, data.columns(), 0.0);
-  for (int i = 0; i < p; ++i) {
-    const std::span<const int> places = data.missing_places(i);
-    if (places.empty()) continue;
+  for (int i = 0; i < data.p(); ++i) {
     const double* h = H_rows + static_cast<std::size_t>(i) * k;
-    const double w = inverse_R[i];
-    for (const int j : places) {
+    for (const int j : data.missing_places(i)) {
       double* d = downdates + static_cast<std::size_t>(j) * kk;
-      for (int c = 0; c < k; ++c) add_scaled<K>(k, h[c] * w, h, d + c * k);
+      for (int c = 0; c < k; ++c) add_scaled<K>(k, h[c] * inverse_R[i], h, d + c * k);
       missing_log_R[j] += log_R[i];
     }
   }
@@ -184,8 +206,10 @@ void BatchProducts::prepare(std::span<const StateSpaceModel* const> models, cons
       constexpr int K = decltype(fixed)::value;
       prepare_model<K>(model, H_rows_of(b), R_inv_H_.col(b * k_), inverse_R_.col(b), log_R_.col(b),
                        &sum_log_R_[static_cast<std::size_t>(b)], information_of(b));
-      prepare_downdates<K>(model, data, H_rows_of(b), inverse_R_.col(b), log_R_.col(b),
-                           downdates_of(b), missing_log_R_.col(b));
+      const bool in_cache = static_cast<double>(p) * k_ <= kScatteredReadLimit;
+      (in_cache ? downdates_by_column<K> : downdates_by_object<K>)(
+          k_, data, H_rows_of(b), inverse_R_.col(b), log_R_.col(b), downdates_of(b),
+          missing_log_R_.col(b));
     });
   }
   if (n == 0) return;

@@ -34,6 +34,10 @@ class EmData {
     const auto to = static_cast<std::size_t>(missing_from_[static_cast<std::size_t>(i) + 1]);
     return std::span<const int>(missing_places_).subspan(from, to - from);
   }
+  // The objects missing in read column j, ascending, ended by -1.
+  const int* missing_rows(int j) const {
+    return table_.missing[static_cast<std::size_t>(read_[static_cast<std::size_t>(j)])];
+  }
   // How many objects read column j misses.
   int missing_count(int j) const { return missing_counts_[static_cast<std::size_t>(j)]; }
   const int* missing_counts() const { return missing_counts_.data(); }
