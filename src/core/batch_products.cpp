@@ -207,9 +207,9 @@ void BatchProducts::prepare(std::span<const StateSpaceModel* const> models, cons
       prepare_model<K>(model, H_rows_of(b), R_inv_H_.col(b * k_), inverse_R_.col(b), log_R_.col(b),
                        &sum_log_R_[static_cast<std::size_t>(b)], information_of(b));
       const bool in_cache = static_cast<double>(p) * k_ <= kScatteredReadLimit;
-      (in_cache ? downdates_by_column<K> : downdates_by_object<K>)(
-          k_, data, H_rows_of(b), inverse_R_.col(b), log_R_.col(b), downdates_of(b),
-          missing_log_R_.col(b));
+      (in_cache ? downdates_by_column<K>
+                : downdates_by_object<K>)(k_, data, H_rows_of(b), inverse_R_.col(b), log_R_.col(b),
+                                          downdates_of(b), missing_log_R_.col(b));
     });
   }
   if (n == 0) return;
