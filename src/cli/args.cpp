@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 #include "io/convert.h"
@@ -156,6 +157,8 @@ std::vector<OptionRow> option_table(CommandLine* line) {
        6},
       {{"--verbose", "-v"}, K::integer, &em->verbose, ""},
       {{"--strict"}, K::flag, &s->strict, ""},
+      {{"--converge-rel"}, K::text, &line->converge_relative, ""},
+      {{"--accelerate"}, K::flag, &em->accelerate, ""},
       {{"--gsl"}, K::flag, unread, ""},
       {{"--debug"}, K::integer, unread, ""},
   };
@@ -386,6 +389,19 @@ Status check_values(std::span<const OptionRow> table, const RunSettings& setting
   return {};
 }
 
+// --converge-rel X: the whole word a number from 0 to 1; 0 leaves the test off.
+Status read_relative_converge(const std::optional<std::string>& word, EmSettings* em) {
+  if (!word) return {};
+  char* end = nullptr;
+  const double value = std::strtod(word->c_str(), &end);
+  if (word->empty() || *end != '\0' || !(value >= 0.0 && value < 1.0)) {
+    return Status::error("ERROR: The value of --converge-rel must be a number from 0 up to 1: \"" +
+                         *word + "\".");
+  }
+  em->converge_relative = value;
+  return {};
+}
+
 }  // namespace
 
 Result<bool> parse_command_line(int argc, char** argv, CommandLine* line) {
@@ -405,6 +421,10 @@ Result<bool> parse_command_line(int argc, char** argv, CommandLine* line) {
   }
   if (line->proc_file != 0) add_process_count(&settings.prefix);
   if (Status values = check_values(table, settings); !values.ok()) return values;
+  if (Status relative = read_relative_converge(line->converge_relative, &settings.em);
+      !relative.ok()) {
+    return relative;
+  }
   if (settings.em.constrain_Fg == 1.0) settings.em.constrain_Fg = 1.0 - 0.0001;
   line->value_findings = check_finite_values(table, settings.em);
   return true;

@@ -18,7 +18,8 @@ namespace tarn {
 // What the command line leaves.
 struct CommandLine {
   RunSettings settings;
-  int proc_file = 0;  // -P: the prefix takes the number of processes
+  int proc_file = 0;                             // -P: the prefix takes the number of processes
+  std::optional<std::string> converge_relative;  // --converge-rel, read whole in the checks
   // Values an estimation reads that are not finite numbers: reported after
   // the banner, and only when the run estimates a set.
   Findings value_findings;

@@ -2,11 +2,13 @@
 // The EM estimation of one model: the E-step sums, the M-step and the loop.
 
 #include <cstdio>
+#include <memory>
 #include <span>
 
 #include "core/batch_products.h"
 #include "core/data_set.h"
 #include "core/em_data.h"
+#include "core/extrapolation.h"
 #include "core/kalman.h"
 #include "core/model.h"
 #include "core/options.h"
@@ -17,18 +19,25 @@
 namespace tarn {
 
 // Everything one estimation works in, made once with room for up to max_k
-// states and max_T time points.
+// states and max_T time points; with accelerate, the models of extrapolation.
 struct EmBuffers {
-  EmBuffers(int p, int max_k, int max_T, bool constrain_F)
+  EmBuffers(int p, int max_k, int max_T, bool constrain_F, bool accelerate = false)
       : trajectory(max_k, max_T),
         replicate_sums(0, max_k),
         total_sums(p, max_k),
-        workspace(p, max_k, constrain_F) {}
+        workspace(p, max_k, constrain_F) {
+    if (accelerate) extrapolation = std::make_unique<Extrapolation>(p, max_k);
+  }
   Trajectory trajectory;
   SufficientStats replicate_sums;  // the state sums of one replicate (no objects)
   SufficientStats total_sums;
   Workspace workspace;
+  std::unique_ptr<Extrapolation> extrapolation;
 };
+
+// Which test ended an estimation.
+// fall: an accelerated start whose likelihood fell ends on the model before.
+enum class StopReason { absolute_test, relative_test, fall, loop_limit, nan_likelihood };
 
 // The outcome of one EM run on a model.
 struct Estimate {
@@ -38,6 +47,7 @@ struct Estimate {
   bool converged;
   int loops;
   StateSpaceModel* model;  // the estimated model, or null
+  StopReason stopped_by = StopReason::loop_limit;
 };
 
 // One E-step: filter and smoother over every replicate, summed into

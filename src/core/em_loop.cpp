@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "core/em.h"
+#include "core/em_loop_state.h"
 
 namespace tarn {
 
@@ -21,44 +22,53 @@ double bic_of(double llh, int p, int k, const EmSettings& settings, int n_sample
 
 }  // namespace
 
-namespace {
+bool stop(EmLoop* loop, bool converged, StopReason reason) {
+  loop->converged = converged;
+  loop->stopped_by = reason;
+  return true;
+}
 
-// One start's EM loop between its E-steps.
-struct EmLoop {
-  int i = 0;
-  double prev = -DBL_MAX;
-  bool monotone = true;
-  double llh = 0.0;
-  bool converged = false;
-};
-
-// The part of a pass after the E-step that gave llh: the stopping rules, then
-// the M-step and the progress line. False when the start stops here.
-bool go_on(const EmSettings& settings, const EmData& data, double llh, StateSpaceModel* model,
-           EmBuffers* buffers, std::FILE* log, EmLoop* loop) {
+bool stops(const EmSettings& settings, double llh, double reference, bool test_rise, EmLoop* loop) {
   loop->llh = llh;
   if (loop->i > settings.em_loop / 10 && std::isnan(llh)) {
-    loop->converged = false;
-    return false;
+    return stop(loop, false, StopReason::nan_likelihood);
   }
-  double diff = llh - loop->prev;
+  double diff = llh - reference;
   if (settings.abs_converge != 0) diff = std::fabs(diff);
   if (diff < 0.0) loop->monotone = false;
-  if (!std::isnan(llh) && settings.converge > diff) {
-    loop->converged = true;
-    return false;
+  if (!std::isnan(llh) && settings.converge > diff && (test_rise || diff < 0.0)) {
+    return stop(loop, true, StopReason::absolute_test);
   }
-  if (loop->i == settings.em_loop - 1) {
-    loop->converged = false;
-    return false;
+  if (test_rise && settings.converge_relative > 0.0 &&
+      std::fabs(llh - reference) < settings.converge_relative * std::fabs(llh)) {
+    return stop(loop, true, StopReason::relative_test);
   }
-  m_step(settings, data.table(), buffers->total_sums, model, &buffers->workspace);
-  loop->prev = llh;
+  if (loop->i == settings.em_loop - 1) return stop(loop, false, StopReason::loop_limit);
+  return false;
+}
+
+void count_pass(const EmSettings& settings, double llh, bool chained, std::FILE* log,
+                EmLoop* loop) {
+  if (chained) loop->prev = llh;
   ++loop->i;
   if (settings.verbose >= 2) {
     std::fprintf(log, "(%d) llh = %f\n", loop->i, llh);
     std::fflush(log);
   }
+}
+
+namespace {
+
+// The part of a pass after the E-step that gave llh: the stopping rules, then
+// the M-step and the progress line. False when the start stops here.
+bool go_on(const EmSettings& settings, const EmData& data, double llh, StateSpaceModel* model,
+           EmBuffers* buffers, std::FILE* log, EmLoop* loop) {
+  if (settings.accelerate != 0) {
+    return accelerated_go_on(settings, data, llh, model, buffers, log, loop);
+  }
+  if (stops(settings, llh, loop->prev, true, loop)) return false;
+  m_step(settings, data.table(), buffers->total_sums, model, &buffers->workspace);
+  count_pass(settings, llh, true, log, loop);
   return true;
 }
 
@@ -69,7 +79,7 @@ Estimate finish(const EmSettings& settings, const EmData& data, const EmLoop& lo
     std::fflush(log);
   }
   const double bic = bic_of(loop.llh, data.p(), model->k(), settings, data.table().n_samples);
-  return Estimate{loop.llh, bic, loop.monotone, loop.converged, loop.i + 1, model};
+  return Estimate{loop.llh, bic, loop.monotone, loop.converged, loop.i + 1, model, loop.stopped_by};
 }
 
 }  // namespace
@@ -78,6 +88,9 @@ void run_em_batch(const EmSettings& settings, const EmData& data, const EmBatch&
                   std::span<Estimate> results) {
   const std::size_t n = batch.models.size();
   std::vector<EmLoop> loops(n);
+  for (std::size_t b = 0; b < n; ++b) {
+    if (batch.buffers[b]->extrapolation) batch.buffers[b]->extrapolation->restart();
+  }
   std::vector<std::size_t> active(n);
   for (std::size_t b = 0; b < n; ++b) active[b] = b;
   std::vector<const StateSpaceModel*> models(n);

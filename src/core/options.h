@@ -13,6 +13,9 @@ struct EmSettings {
   int common_R = 0;          // one R for every object: the mean of the row estimates
   int update_mu = 1;         // estimate the initial mean
   int abs_converge = 1;      // compare the absolute change with converge
+  // Also stop when the change is below this times |log-likelihood|; 0: off.
+  double converge_relative = 0.0;
+  int accelerate = 0;  // extrapolated EM steps between plain ones
   double ridge = 0.0;        // accepted and stored, read by nothing
   int constrain_F = 1;       // hold the diagonal of F at constrain_Fg
   double constrain_Fg = 0.8;

@@ -38,14 +38,14 @@ Status run_array_task(const RunContext& context) {
   if (Status dims = require_dimensions({&k, 1}); !dims.ok()) return dims;
 
   const EmData em_data(context.data);
-  EstimationRecords rec(em_data, k, settings.em.constrain_F,
+  EstimationRecords rec(em_data, k, settings.em,
                         batch_size(settings.init, settings.em, context.job.starts));
   if (settings.em.constrain_F != 0) rec.prepare_F_constraint(k);
   StartGuard guard(settings.em.retry);
   const StartContext starts{settings.em, settings.init, em_data, log, &guard, true};
   std::fprintf(log, "Starting the SSM estimation.\n");
   std::fflush(log);
-  const Result<Estimate> result = estimate_set(starts, k, context.job.starts, &rec);
+  const Result<Estimate> result = estimate_set(starts, set, context.job.starts, &rec);
   if (!result.ok()) return result.status();
   std::fprintf(log, "Finished: dim=%d, likelihood=%f\n", k, result->log_likelihood);
   std::fflush(log);

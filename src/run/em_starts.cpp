@@ -17,7 +17,31 @@ void warn_retry_limit(std::FILE* log) {
   std::fflush(log);
 }
 
+const char* stop_reason_text(StopReason reason) {
+  switch (reason) {
+    case StopReason::absolute_test:
+      return "the absolute test";
+    case StopReason::relative_test:
+      return "the relative test";
+    case StopReason::fall:
+      return "a fall of the likelihood";
+    case StopReason::nan_likelihood:
+      return "a NaN likelihood";
+    case StopReason::loop_limit:
+      break;
+  }
+  return "the loop limit";
+}
+
 }  // namespace
+
+void log_stop_reason(const StartContext& context, const PlannedSet& set, int start,
+                     const Estimate& result, std::FILE* log) {
+  if (context.em.converge_relative <= 0.0 && context.em.accelerate == 0) return;
+  std::fprintf(log, "Ended: dim=%d, set=%d, start=%d, loops=%d, by %s.\n", set.k, set.number, start,
+               result.loops, stop_reason_text(result.stopped_by));
+  std::fflush(log);
+}
 
 BatchOutcome run_batch(const StartContext& context, int k, std::span<StateSpaceModel* const> models,
                        EstimationRecords* rec) {
@@ -70,8 +94,9 @@ Result<Verdict> judge_attempt(const StartContext& context, int k, const Estimate
   return Verdict::kRetried;
 }
 
-Result<Estimate> estimate_set(const StartContext& context, int k, int starts,
+Result<Estimate> estimate_set(const StartContext& context, const PlannedSet& set, int starts,
                               EstimationRecords* rec) {
+  const int k = set.k;
   Estimate best{-DBL_MAX, -DBL_MAX, false, false, -1, nullptr};
   // The records the starts work in and the one that keeps the best: a start
   // better than the best so far trades records with it, for this set only.
@@ -101,6 +126,7 @@ Result<Estimate> estimate_set(const StartContext& context, int k, int starts,
       std::fprintf(context.log, "%d: Loops=%d, Likelihood=%f\n", ++done, res.loops,
                    res.log_likelihood);
       std::fflush(context.log);
+      log_stop_reason(context, set, done, res, context.log);
       if (res.log_likelihood > best.log_likelihood) {
         best = res;
         std::swap(working[slot], keeper);

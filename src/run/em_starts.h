@@ -12,6 +12,7 @@
 
 #include "core/em.h"
 #include "io/status.h"
+#include "run/job.h"
 #include "run/records.h"
 #include "run/start_guard.h"
 
@@ -49,9 +50,14 @@ enum class Verdict { kKept, kRetried };
 Result<Verdict> judge_attempt(const StartContext& context, int k, const Estimate& attempt,
                               int* count);
 
+// With --converge-rel or --accelerate, the line that tells which test ended
+// the start-th finished start of a set.
+void log_stop_reason(const StartContext& context, const PlannedSet& set, int start,
+                     const Estimate& result, std::FILE* log);
+
 // The starts of one set, in batches, logged; the best of them, its model in
 // one of rec's records.
-Result<Estimate> estimate_set(const StartContext& context, int k, int starts,
+Result<Estimate> estimate_set(const StartContext& context, const PlannedSet& set, int starts,
                               EstimationRecords* rec);
 
 }  // namespace tarn

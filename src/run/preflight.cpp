@@ -54,9 +54,8 @@ double mode_bytes(const RunSettings& settings, const DataSet& data) {
   int k = 0;
   double threads = 1.0;
   if (!mode_records(settings, &k, &threads)) return 0.0;
-  const double per_thread =
-      records_bytes(data, k, settings.em.constrain_F,
-                    batch_size(settings.init, settings.em, settings.iterations));
+  const double per_thread = records_bytes(
+      data, k, settings.em, batch_size(settings.init, settings.em, settings.iterations));
   if (settings.sge != 0 || settings.threads == 1) return per_thread;
   const double sets = static_cast<double>(settings.dims.size()) * settings.sets;
   return threads * per_thread + std::min(threads, sets) * model_bytes(data.p, k);

@@ -18,7 +18,7 @@ namespace tarn {
 int batch_size(const InitialModelSettings& init, const EmSettings& em, int starts);
 
 struct EstimationRecords {
-  EstimationRecords(const EmData& data, int k, int constrain_F, int batch);
+  EstimationRecords(const EmData& data, int k, const EmSettings& em, int batch);
 
   int batch() const { return static_cast<int>(working.size()); }
   // The constraint on the diagonal of F, for dimension k, in every workspace.
@@ -35,6 +35,6 @@ struct EstimationRecords {
 };
 
 // Bytes the records of a batch take, in double precision.
-double records_bytes(const DataSet& data, int k, int constrain_F, int batch);
+double records_bytes(const DataSet& data, int k, const EmSettings& em, int batch);
 
 }  // namespace tarn

@@ -24,7 +24,7 @@ Status run_dimension(const RunContext& context, int dim_index, const StartContex
     std::fprintf(log, "Set %d...\n", ++s);
     std::fflush(log);
     const Stopwatch clock;
-    const Result<Estimate> result = estimate_set(starts, k, job.starts, rec);
+    const Result<Estimate> result = estimate_set(starts, set, job.starts, rec);
     if (!result.ok()) return result.status();
     const double t = clock.seconds();
     std::fprintf(log, "Finished: dim=%d, likelihood=%f\n", k, result->log_likelihood);
@@ -54,7 +54,7 @@ Status run_single_mode(const RunContext& context) {
   if (Status dims = require_dimensions(context.job.dims); !dims.ok()) return dims;
 
   const EmData em_data(context.data);
-  EstimationRecords rec(em_data, max_k, settings.em.constrain_F,
+  EstimationRecords rec(em_data, max_k, settings.em,
                         batch_size(settings.init, settings.em, context.job.starts));
   StartGuard guard(settings.em.retry);
   const StartContext starts{settings.em, settings.init, em_data, log, &guard, true};

@@ -80,7 +80,10 @@ Result<int> finish_batch(const StartContext& starts, const PlannedSet& set, int 
 #pragma omp critical
     {
       stopped = starts.guard->stopped();
-      if (!stopped) finished = bests->add_start(place, me, attempt, starts.log);
+      if (!stopped) {
+        finished = bests->add_start(place, me, attempt, starts.log);
+        log_stop_reason(starts, set, finished, attempt, starts.log);
+      }
     }
     if (stopped) break;
   }
@@ -96,7 +99,7 @@ void work_through_tasks(const RunContext& context, const StartContext& starts, S
   const std::size_t per_set = static_cast<std::size_t>((job.starts + batch - 1) / batch);
   const std::size_t n_tasks = job.sets.size() * per_set;
   // Private records for the largest dim.
-  EstimationRecords rec(starts.data, max_dimension(job.dims), starts.em.constrain_F, batch);
+  EstimationRecords rec(starts.data, max_dimension(job.dims), starts.em, batch);
   int prepared_k = -1;
   for (;;) {
     std::size_t task = n_tasks;

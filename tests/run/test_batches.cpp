@@ -32,9 +32,9 @@ SetRun run_set(const EmData& data, int batch) {
   std::size_t size = 0;
   std::FILE* log = open_memstream(&text, &size);
   const StartContext context{em, init, data, log, &guard, true};
-  EstimationRecords rec(data, 2, em.constrain_F, batch);
+  EstimationRecords rec(data, 2, em, batch);
   rec.prepare_F_constraint(2);
-  const Result<Estimate> best = estimate_set(context, 2, 6, &rec);
+  const Result<Estimate> best = estimate_set(context, PlannedSet{2, 0, 1}, 6, &rec);
   std::fclose(log);
   SetRun out;
   out.log.assign(text, size);
