@@ -126,6 +126,31 @@ def main():
     run([tool, "--data", "renamed.txt", "each"])
     check_module(np, "each", 3, 1, names, each=True)
 
+    # How the starts ended, from the logs: told by a thread run with the relative test (its
+    # file set numbers differ from its set ids), read from the loop counts of a single run.
+    for label, extra, limit in (("told", ["--threads", "2", "--converge-rel", "1e-4"], 15),
+                                ("counted", [], 30)):
+        r = subprocess.run([tarnssm, "-d", "2,3", "-s", "2", "-n", "3", "-l", str(limit), "--state", "off",
+                            "-o", label] + extra + ["renamed.txt"], capture_output=True, text=True, timeout=120)
+        open(label + ".log", "w").write(r.stderr)
+        want = {}
+        if label == "told":
+            for m in re.finditer(r"^Ended: dim=(\d+), set=(\d+), start=\d+, loops=\d+, by (.+)\.$", r.stderr, re.M):
+                want.setdefault((int(m.group(1)), int(m.group(2))), []).append(m.group(3))
+        else:
+            loops = [int(x) for x in re.findall(r"^\d+: Loops=(\d+),", r.stderr, re.M)]
+            for i, ks in enumerate(((2, 1), (2, 2), (3, 1), (3, 2))):
+                want[ks] = ["the loop limit" if n == limit else "the absolute test" for n in loops[3 * i:3 * i + 3]]
+        out = run([tool, "--log", label + ".log", "--loop-limit", str(limit), label])
+        for (k, s), reasons in want.items():
+            counts = ", ".join("%d by %s" % (reasons.count(x), x) for x in sorted(set(reasons), key=reasons.index))
+            line = "  k = %d, set %d: 3 starts: " % (k, s)
+            check(sum(1 for l in out.splitlines() if l.startswith(line) and
+                      sorted(l[len(line):].split(", ")) == sorted(counts.split(", "))) == 1,
+                  "%s: k=%d set %d: %r not in %s" % (label, k, s, counts, out))
+        check(len(want) == 4 and "relative test" in str(want) if label == "told" else len(want) == 4,
+              "%s: endings %r" % (label, want))
+
     # Errors: no files; a summary line that does not parse; a --data table that is not the run's.
     run([tool, "nothing"], 1)
     open(name("bad", 2, 1, "B.dat"), "w").write("002\t001\tnot-a-number\t12.5\t30\tMonotone\tConverged\n")
