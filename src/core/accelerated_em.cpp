@@ -5,12 +5,11 @@
 // place. The convergence tests compare the likelihoods at the starts of
 // successive cycles.
 //
-// Where the M-step is exact, a plain step never lowers the likelihood, and
-// a fall (by rounding) ends the start on the model before: the likelihoods
-// of the models an accelerated start keeps then never fall. With a
-// constrained F the M-step sets the diagonal rather than estimating it; a
-// plain step there can lower the likelihood, in plain EM as well, and the
-// start goes on as plain EM would.
+// A start ends on the model of the highest likelihood it evaluated, so that
+// its likelihood never falls from one pass limit to the next. Where the
+// M-step is exact, that is the last model kept; with a constrained F, whose
+// diagonal the M-step sets rather than estimates, a plain step can lower the
+// likelihood, in plain EM as well.
 
 #include "core/em_loop_state.h"
 
@@ -18,62 +17,37 @@ namespace tarn {
 
 namespace {
 
-bool falls(const EmSettings& settings, double llh, const EmLoop& loop) {
-  return settings.constrain_F == 0 && settings.abs_converge != 0 && llh < loop.prev;
-}
-
-// Ends the start on a model kept before, whose likelihood was llh.
-bool end_on(const StateSpaceModel& kept, double llh, bool converged, StopReason reason,
-            StateSpaceModel* model, EmLoop* loop) {
-  copy_model(kept, model);
-  loop->llh = llh;
-  stop(loop, converged, reason);
-  return false;
-}
-
-void plain_m_step(const EmSettings& settings, const EmData& data, StateSpaceModel* model,
-                  EmBuffers* buffers) {
-  m_step(settings, data.table(), buffers->total_sums, model, &buffers->workspace);
-}
-
 bool at_first(const EmSettings& settings, const EmData& data, double llh, StateSpaceModel* model,
               EmBuffers* buffers, EmLoop* loop) {
-  Extrapolation& cycle = *buffers->extrapolation;
-  if (falls(settings, llh, *loop)) {
-    return end_on(cycle.second(), loop->prev, true, StopReason::fall, model, loop);
-  }
   const double reference = loop->cycle_start;
   loop->cycle_start = llh;
   if (stops(settings, llh, reference, true, loop)) return false;
-  cycle.keep_first(*model);
-  plain_m_step(settings, data, model, buffers);
+  buffers->extrapolation->keep_first(*model);
+  m_step(settings, data.table(), buffers->total_sums, model, &buffers->workspace);
   loop->cycle = Cycle::second;
   return true;
 }
 
 bool at_second(const EmSettings& settings, const EmData& data, double llh, StateSpaceModel* model,
                EmBuffers* buffers, EmLoop* loop) {
-  Extrapolation& cycle = *buffers->extrapolation;
-  if (falls(settings, llh, *loop)) {
-    return end_on(cycle.first(), loop->prev, true, StopReason::fall, model, loop);
-  }
   if (stops(settings, llh, loop->prev, false, loop)) return false;
+  Extrapolation& cycle = *buffers->extrapolation;
   cycle.keep_second(*model);
-  plain_m_step(settings, data, model, buffers);
+  m_step(settings, data.table(), buffers->total_sums, model, &buffers->workspace);
   const bool jumped = cycle.extrapolate(settings.constrain_F != 0, model);
   loop->cycle = jumped ? Cycle::extrapolated : Cycle::first;
   return true;
 }
 
-// x' below x1 gives way to x2, which the next pass evaluates; with no pass
-// left, the start ends on x1.
-bool turn_down(const EmSettings& settings, StateSpaceModel* model, EmBuffers* buffers,
+// x' below x1 gives way to x2, which the next pass evaluates.
+bool turn_down(const EmSettings& settings, double llh, StateSpaceModel* model, EmBuffers* buffers,
                EmLoop* loop) {
-  Extrapolation& cycle = *buffers->extrapolation;
   if (loop->i == settings.em_loop - 1) {
-    return end_on(cycle.second(), loop->prev, false, StopReason::loop_limit, model, loop);
+    loop->llh = llh;
+    stop(loop, false, StopReason::loop_limit);
+    return false;
   }
-  cycle.reject(model);
+  buffers->extrapolation->reject(model);
   loop->cycle = Cycle::first;
   return true;
 }
@@ -82,6 +56,8 @@ bool turn_down(const EmSettings& settings, StateSpaceModel* model, EmBuffers* bu
 
 bool accelerated_go_on(const EmSettings& settings, const EmData& data, double llh,
                        StateSpaceModel* model, EmBuffers* buffers, std::FILE* log, EmLoop* loop) {
+  Extrapolation& cycle = *buffers->extrapolation;
+  cycle.keep_if_best(*model, llh);
   bool kept = true;
   bool going = false;
   switch (loop->cycle) {
@@ -94,14 +70,20 @@ bool accelerated_go_on(const EmSettings& settings, const EmData& data, double ll
     case Cycle::extrapolated:
       kept = llh >= loop->prev;
       if (kept) {
-        buffers->extrapolation->accept();
+        cycle.accept();
         going = at_first(settings, data, llh, model, buffers, loop);
       } else {
-        going = turn_down(settings, model, buffers, loop);
+        going = turn_down(settings, llh, model, buffers, loop);
       }
       break;
   }
-  if (going) count_pass(settings, llh, kept, log, loop);
+  if (going) {
+    count_pass(settings, llh, kept, log, loop);
+  } else if (loop->stopped_by != StopReason::nan_likelihood &&
+             cycle.best_likelihood() > loop->llh) {
+    copy_model(cycle.best(), model);
+    loop->llh = cycle.best_likelihood();
+  }
   return going;
 }
 

@@ -36,8 +36,7 @@ struct EmBuffers {
 };
 
 // Which test ended an estimation.
-// fall: an accelerated start whose likelihood fell ends on the model before.
-enum class StopReason { absolute_test, relative_test, fall, loop_limit, nan_likelihood };
+enum class StopReason { absolute_test, relative_test, loop_limit, nan_likelihood };
 
 // The outcome of one EM run on a model.
 struct Estimate {

@@ -48,7 +48,7 @@ bool in_parameter_space(const StateSpaceModel& model) {
 }  // namespace
 
 Extrapolation::Extrapolation(int p, int max_k)
-    : first_(p, max_k), second_(p, max_k), plain_(p, max_k) {}
+    : first_(p, max_k), second_(p, max_k), plain_(p, max_k), best_(p, max_k) {}
 
 bool Extrapolation::extrapolate(bool constrain_F, StateSpaceModel* model) {
   const StepSizes sizes = step_sizes(first_, second_, *model);

@@ -8,6 +8,8 @@
 // [1, bound]: the bound grows by 4 each time a step that used it all was
 // kept, and shrinks by 4 when one is turned down.
 
+#include <cmath>
+
 #include "core/model.h"
 
 namespace tarn {
@@ -16,14 +18,19 @@ class Extrapolation {
  public:
   Extrapolation(int p, int max_k);
 
-  // A new estimation: the bound back to 1.
-  void restart() { bound_ = 1.0, at_bound_ = false; }
+  // A new estimation: the bound back to 1, no best model.
+  void restart() { bound_ = 1.0, at_bound_ = false, best_llh_ = -HUGE_VAL; }
+
+  // The model of the highest likelihood evaluated so far.
+  void keep_if_best(const StateSpaceModel& model, double llh) {
+    if (llh > best_llh_) copy_model(model, &best_), best_llh_ = llh;
+  }
+  const StateSpaceModel& best() const { return best_; }
+  double best_likelihood() const { return best_llh_; }
 
   // The models x0 and x1 of the cycle, copied in as the loop passes them.
   void keep_first(const StateSpaceModel& model) { copy_model(model, &first_); }
   void keep_second(const StateSpaceModel& model) { copy_model(model, &second_); }
-  const StateSpaceModel& first() const { return first_; }
-  const StateSpaceModel& second() const { return second_; }
 
   // With model holding x2: replaces it by x' and keeps x2, true; false, with
   // model unchanged, where the step would be x2 itself, or where x' leaves
@@ -39,6 +46,8 @@ class Extrapolation {
   StateSpaceModel first_;
   StateSpaceModel second_;
   StateSpaceModel plain_;  // x2, while x' is tried
+  StateSpaceModel best_;
+  double best_llh_ = -HUGE_VAL;
   double bound_ = 1.0;
   bool at_bound_ = false;
 };

@@ -15,9 +15,9 @@ struct EmSettings {
   int abs_converge = 1;      // compare the absolute change with converge
   // Also stop when the change is below this times |log-likelihood|; 0: off.
   double converge_relative = 0.0;
-  int accelerate = 0;  // extrapolated EM steps between plain ones
-  double ridge = 0.0;        // accepted and stored, read by nothing
-  int constrain_F = 1;       // hold the diagonal of F at constrain_Fg
+  int accelerate = 0;   // extrapolated EM steps between plain ones
+  double ridge = 0.0;   // accepted and stored, read by nothing
+  int constrain_F = 1;  // hold the diagonal of F at constrain_Fg
   double constrain_Fg = 0.8;
   int retry = -1;  // attempts per estimation before one is let through; -1: no limit
   int verbose = 0;

@@ -23,8 +23,6 @@ const char* stop_reason_text(StopReason reason) {
       return "the absolute test";
     case StopReason::relative_test:
       return "the relative test";
-    case StopReason::fall:
-      return "a fall of the likelihood";
     case StopReason::nan_likelihood:
       return "a NaN likelihood";
     case StopReason::loop_limit:
