@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 
 namespace tarn {
 
@@ -13,25 +14,31 @@ constexpr Matrix StateSpaceModel::*kUpdated[] = {
 
 constexpr double kBoundFactor = 4.0;
 
-// Sums of squares of r = x1 - x0 and v = x2 - 2 x1 + x0.
+// Sums of squares of r = x1 - x0 and v = x2 - 2 x1 + x0 over one parameter.
 struct StepSizes {
   double r = 0.0;
   double v = 0.0;
+  double ratio() const { return std::sqrt(r / v); }
 };
 
-StepSizes step_sizes(const StateSpaceModel& x0, const StateSpaceModel& x1,
-                     const StateSpaceModel& x2) {
+StepSizes step_sizes(const Matrix& x0, const Matrix& x1, const Matrix& x2) {
   StepSizes s;
-  for (const auto field : kUpdated) {
-    const Matrix &a = x0.*field, &b = x1.*field, &c = x2.*field;
-    for (std::size_t e = 0; e < a.size(); ++e) {
-      const double r = b[e] - a[e];
-      const double v = (c[e] - b[e]) - r;
-      s.r += r * r;
-      s.v += v * v;
-    }
+  for (std::size_t e = 0; e < x0.size(); ++e) {
+    const double r = x1[e] - x0[e];
+    const double v = (x2[e] - x1[e]) - r;
+    s.r += r * r;
+    s.v += v * v;
   }
   return s;
+}
+
+// x = x0 + 2a r + a^2 v, in place of x2.
+void step(double a, const Matrix& x0, const Matrix& x1, Matrix* x) {
+  for (std::size_t e = 0; e < x0.size(); ++e) {
+    const double r = x1[e] - x0[e];
+    const double v = ((*x)[e] - x1[e]) - r;
+    (*x)[e] = x0[e] + 2.0 * a * r + a * a * v;
+  }
 }
 
 // Every value finite and every variance positive.
@@ -51,9 +58,16 @@ Extrapolation::Extrapolation(int p, int max_k)
     : first_(p, max_k), second_(p, max_k), plain_(p, max_k), best_(p, max_k) {}
 
 bool Extrapolation::extrapolate(bool constrain_F, StateSpaceModel* model) {
-  const StepSizes sizes = step_sizes(first_, second_, *model);
-  const double ratio = std::sqrt(sizes.r / sizes.v);
-  if (!(sizes.v > 0.0) || !std::isfinite(ratio)) return false;
+  StepSizes sizes[std::size(kUpdated)];
+  StepSizes all;
+  for (std::size_t f = 0; f < std::size(kUpdated); ++f) {
+    const auto field = kUpdated[f];
+    sizes[f] = step_sizes(first_.*field, second_.*field, (*model).*field);
+    all.r += sizes[f].r;
+    all.v += sizes[f].v;
+  }
+  const double ratio = all.ratio();
+  if (!(all.v > 0.0) || !std::isfinite(ratio)) return false;
   const double a = std::clamp(ratio, 1.0, bound_);
   at_bound_ = ratio >= bound_;
   if (a == 1.0) {
@@ -61,14 +75,14 @@ bool Extrapolation::extrapolate(bool constrain_F, StateSpaceModel* model) {
     return false;
   }
   copy_model(*model, &plain_);
-  for (const auto field : kUpdated) {
-    const Matrix &x0 = first_.*field, &x1 = second_.*field;
-    Matrix& x = (*model).*field;
-    for (std::size_t e = 0; e < x.size(); ++e) {
-      const double r = x1[e] - x0[e];
-      const double v = (x[e] - x1[e]) - r;
-      x[e] = x0[e] + 2.0 * a * r + a * a * v;
-    }
+  for (std::size_t f = 0; f < std::size(kUpdated); ++f) {
+    const auto field = kUpdated[f];
+    // The initial mean, k values whose pace can differ from that of the
+    // p-sized H and R that set a, steps no further than its own ratio.
+    const double own = sizes[f].ratio();
+    const bool mean = field == &StateSpaceModel::initial_mean;
+    const double a_field = mean && std::isfinite(own) ? std::clamp(own, 1.0, a) : a;
+    step(a_field, first_.*field, second_.*field, &((*model).*field));
   }
   if (constrain_F) {
     for (int i = 0; i < model->k(); ++i) model->F(i, i) = plain_.F(i, i);

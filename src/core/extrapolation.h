@@ -6,7 +6,8 @@
 // over the parameters the M-step updates (initial mean, H, F and R) jumps
 // ahead along the path EM takes; a = 1 gives x2. a is held within
 // [1, bound]: the bound grows by 4 each time a step that used it all was
-// kept, and shrinks by 4 when one is turned down.
+// kept, and shrinks by 4 when one is turned down. The initial mean steps no
+// further than its own ratio of |r| to |v|.
 
 #include <cmath>
 
