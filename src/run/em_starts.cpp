@@ -34,11 +34,11 @@ const char* stop_reason_text(StopReason reason) {
 }  // namespace
 
 void log_stop_reason(const StartContext& context, const PlannedSet& set, int start,
-                     const Estimate& result, std::FILE* log) {
+                     const Estimate& result) {
   if (context.em.converge_relative <= 0.0 && context.em.accelerate == 0) return;
-  std::fprintf(log, "Ended: dim=%d, set=%d, start=%d, loops=%d, by %s.\n", set.k, set.number, start,
-               result.loops, stop_reason_text(result.stopped_by));
-  std::fflush(log);
+  std::fprintf(context.log, "Ended: dim=%d, set=%d, start=%d, loops=%d, by %s.\n", set.k,
+               set.number, start, result.loops, stop_reason_text(result.stopped_by));
+  std::fflush(context.log);
 }
 
 BatchOutcome run_batch(const StartContext& context, int k, std::span<StateSpaceModel* const> models,
@@ -124,7 +124,7 @@ Result<Estimate> estimate_set(const StartContext& context, const PlannedSet& set
       std::fprintf(context.log, "%d: Loops=%d, Likelihood=%f\n", ++done, res.loops,
                    res.log_likelihood);
       std::fflush(context.log);
-      log_stop_reason(context, set, done, res, context.log);
+      log_stop_reason(context, set, done, res);
       if (res.log_likelihood > best.log_likelihood) {
         best = res;
         std::swap(working[slot], keeper);

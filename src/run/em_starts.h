@@ -53,7 +53,7 @@ Result<Verdict> judge_attempt(const StartContext& context, int k, const Estimate
 // With --converge-rel or --accelerate, the line that tells which test ended
 // the start-th finished start of a set.
 void log_stop_reason(const StartContext& context, const PlannedSet& set, int start,
-                     const Estimate& result, std::FILE* log);
+                     const Estimate& result);
 
 // The starts of one set, in batches, logged; the best of them, its model in
 // one of rec's records.

@@ -28,7 +28,7 @@ double records_bytes(const DataSet& data, int k, const EmSettings& em, int batch
   const double per_start = model_bytes(data.p, k) + trajectory_bytes(k, data.T) +
                            sufficient_stats_bytes(0, k) + sufficient_stats_bytes(data.p, k) +
                            workspace_bytes(data.p, k, em.constrain_F != 0) +
-                           (em.accelerate != 0 ? 3.0 * model_bytes(data.p, k) : 0.0);
+                           (em.accelerate != 0 ? 4.0 * model_bytes(data.p, k) : 0.0);
   return batch * per_start + model_bytes(data.p, k) +
          batch_products_bytes(data.p, data.n_samples, k, batch);
 }

@@ -82,7 +82,7 @@ Result<int> finish_batch(const StartContext& starts, const PlannedSet& set, int 
       stopped = starts.guard->stopped();
       if (!stopped) {
         finished = bests->add_start(place, me, attempt, starts.log);
-        log_stop_reason(starts, set, finished, attempt, starts.log);
+        log_stop_reason(starts, set, finished, attempt);
       }
     }
     if (stopped) break;
