@@ -1,5 +1,6 @@
 #include "core/batch_products.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -197,9 +198,7 @@ void add_missing_cells(const StateSpaceModel& model, const EmData& data, const S
 void BatchProducts::prepare(std::span<const StateSpaceModel* const> models, const EmData& data) {
   starts_ = static_cast<int>(models.size());
   k_ = models.front()->k();
-  int p = data.p();
-  int n = data.columns();
-  int rows = starts_ * k_;
+  const int p = data.p();
   for (int b = 0; b < starts_; ++b) {
     const StateSpaceModel& model = *models[static_cast<std::size_t>(b)];
     small::with_fixed_size(k_, [&](auto fixed) {
@@ -212,9 +211,22 @@ void BatchProducts::prepare(std::span<const StateSpaceModel* const> models, cons
                                           downdates_of(b), missing_log_R_.col(b));
     });
   }
-  if (n == 0) return;
-  dgemm_("T", "N", &rows, &n, &p, &blas::kOne, R_inv_H_.data(), &p, data.Y(), &p, &blas::kZero,
-         projected_.data(), &rows);
+  if (data.columns() > 0) project_data(data);
+}
+
+// projected = R_inv_H' Y, summed over blocks of kProductRows objects: with
+// few rows of R_inv_H', one product over all p objects spends most of its
+// time packing Y, where a block's stays in the cache.
+void BatchProducts::project_data(const EmData& data) {
+  int p = data.p();
+  int n = data.columns();
+  int rows = starts_ * k_;
+  for (int first = 0; first < p; first += kProductRows) {
+    int block = std::min(kProductRows, p - first);
+    const double* beta = first == 0 ? &blas::kZero : &blas::kOne;
+    dgemm_("T", "N", &rows, &n, &block, &blas::kOne, R_inv_H_.data() + first, &p,
+           data.Y() + first, &p, beta, projected_.data(), &rows);
+  }
 }
 
 void BatchProducts::finish(const EmData& data) {

@@ -23,6 +23,9 @@ namespace tarn {
 // The most starts of a set that advance together.
 constexpr int kMaxBatchStarts = 8;
 
+// Objects per block of the product H'R^-1 Y.
+constexpr int kProductRows = 2048;
+
 // Start b's share of the batch, as the filter reads it and the E-step sums
 // write it.
 struct StartProducts {
@@ -66,6 +69,8 @@ class BatchProducts {
   void write_sums(int b, const StateSpaceModel& model, const EmData& data, SufficientStats* sums);
 
  private:
+  // projected = R_inv_H' Y, block by block of objects.
+  void project_data(const EmData& data);
   // Start b's block of each array packed by the current k.
   double* H_rows_of(int b);
   double* information_of(int b);
