@@ -19,10 +19,9 @@ BatchProducts::BatchProducts(int p, int n_columns, int max_k, int max_starts)
       downdates_(array_size(max_k, max_k, n_columns, max_starts)),
       missing_log_R_(n_columns, max_starts),
       second_moments_(array_size(max_k, max_k, n_columns, max_starts)),
-      moment_sum_(array_size(max_k, max_k)),
+      moment_scratch_(array_size(max_k, max_k)),
       projected_(max_k * max_starts, n_columns),
-      states_(max_k * max_starts, n_columns),
-      data_states_(p, max_k * max_starts) {}
+      states_(max_k * max_starts, n_columns) {}
 
 double* BatchProducts::H_rows_of(int b) {
   return H_rows_.get() + static_cast<std::size_t>(b) * k_ * R_inv_H_.rows();
@@ -56,7 +55,7 @@ StartProducts BatchProducts::start(int b) {
                        second_moments_of(b),
                        states_.data() + static_cast<std::size_t>(b) * k_,
                        starts_ * k_,
-                       data_states_.col(b * k_)};
+                       moment_scratch_.get()};
 }
 
 namespace {
@@ -158,20 +157,20 @@ void downdates_by_object(int k_, const EmData& data, const double* H_rows, const
   }
 }
 
-// The sums of y^2 of one start into yy, each object's sum of squares with
-// its missing cells' R + h P h', and their h P into data_states, P summed over
-// the object's missing columns. moment is k x k scratch.
+// Objects first .. first + count - 1 of one start: each object's sum of y^2,
+// with its missing cells' R + h P h', into yy, and their h P added to its row
+// of yx (p x k), P summed over the object's missing columns.
 template <int K>
 void add_missing_cells(const StateSpaceModel& model, const EmData& data, const StartProducts& s,
-                       double* yy, double* moment) {
+                       RowRange objects, double* yy, double* yx) {
   const int p = data.p();
   const int k = small::dim<K>(s.k);
   const std::size_t kk = static_cast<std::size_t>(k) * k;
   const double* squares = data.sum_squares();
   // A fixed k keeps the sum in registers.
   double fixed_moment[K > 0 ? K * K : 1];
-  if constexpr (K > 0) moment = fixed_moment;
-  for (int i = 0; i < p; ++i) {
+  double* moment = K > 0 ? fixed_moment : s.moment_scratch;
+  for (int i = objects.first; i < objects.first + objects.count; ++i) {
     const std::span<const int> places = data.missing_places(i);
     if (places.empty()) {
       yy[i] = squares[i];
@@ -186,7 +185,7 @@ void add_missing_cells(const StateSpaceModel& model, const EmData& data, const S
     for (int r = 0; r < k; ++r) {
       double v = 0.0;
       for (int c = 0; c < k; ++c) v += moment[r + c * k] * h[c];
-      s.data_states[small::at(i, r, p)] += v;
+      yx[small::at(i, r, p)] += v;
       hSh += h[r] * v;
     }
     yy[i] = (static_cast<double>(places.size()) * model.R[i] + hSh) + squares[i];
@@ -229,31 +228,35 @@ void BatchProducts::project_data(const EmData& data) {
   }
 }
 
-void BatchProducts::finish(const EmData& data) {
+void BatchProducts::finish(std::span<const StateSpaceModel* const> models, const EmData& data,
+                          std::span<SufficientStats* const> sums) {
   int p = data.p();
   int n = data.columns();
-  int rows = starts_ * k_;
-  if (n > 0) {
-    dgemm_("N", "T", &p, &rows, &n, &blas::kOne, data.Y(), &p, states_.data(), &rows, &blas::kZero,
-           data_states_.data(), &p);
-  } else {
-    std::fill_n(data_states_.data(), static_cast<std::size_t>(p) * rows, 0.0);
+  int ld = starts_ * k_;
+  for (int first = 0; first < p; first += kProductRows) {
+    int block = std::min(kProductRows, p - first);
+    for (int b = 0; b < starts_; ++b) {
+      const std::size_t start_b = static_cast<std::size_t>(b);
+      double* yx = sums[start_b]->sum_yx.data();
+      if (n > 0) {
+        dgemm_("N", "T", &block, &k_, &n, &blas::kOne, data.Y() + first, &p,
+               states_.data() + start_b * k_, &ld, &blas::kZero, yx + first, &p);
+      } else {
+        for (int c = 0; c < k_; ++c) std::fill_n(yx + small::at(first, c, p), block, 0.0);
+      }
+      small::with_fixed_size(k_, [&](auto fixed) {
+        add_missing_cells<decltype(fixed)::value>(*models[start_b], data, start(b),
+                                                  RowRange{first, block},
+                                                  sums[start_b]->sum_yy.data(), yx);
+      });
+    }
   }
-}
-
-void BatchProducts::write_sums(int b, const StateSpaceModel& model, const EmData& data,
-                               SufficientStats* sums) {
-  small::with_fixed_size(k_, [&](auto fixed) {
-    add_missing_cells<decltype(fixed)::value>(model, data, start(b), sums->sum_yy.data(),
-                                              moment_sum_.get());
-  });
-  std::copy_n(data_states_.col(b * k_), sums->sum_yx.size(), sums->sum_yx.data());
 }
 
 double batch_products_bytes(int p, int n_columns, int k, int starts) {
   const double P = p, N = n_columns, K = k, B = starts;
-  return 8.0 * B * (3.0 * P * K + 3.0 * P + 1.0 + K * K + 2.0 * K * N + 2.0 * K * K * N + N) +
-         8.0 * (K * K + K);
+  return 8.0 * B * (2.0 * P * K + 3.0 * P + 1.0 + K * K + 2.0 * K * N + 2.0 * K * K * N + N) +
+         8.0 * K * K;
 }
 
 }  // namespace tarn

@@ -5,7 +5,7 @@
 // all time points and all starts at once, as matrix products:
 //
 //   projected = [R1^-1 H1 ... RB^-1 HB]' Y    (B k x n): H'R^-1 y of every read column
-//   data_states += Y [X1 ... XB]'              (p x B k): the sums of y x', once the
+//   sum_yx of start b = Y Xb'                  (p x k): the sums of y x', once the
 //                                              smoothed states X are in
 //
 // With one start it is the batch of one.
@@ -23,7 +23,7 @@ namespace tarn {
 // The most starts of a set that advance together.
 constexpr int kMaxBatchStarts = 8;
 
-// Objects per block of the product H'R^-1 Y.
+// Objects per block of the products with Y.
 constexpr int kProductRows = 2048;
 
 // Start b's share of the batch, as the filter reads it and the E-step sums
@@ -43,9 +43,15 @@ struct StartProducts {
   const double* missing_log_R;
   // Read column j: E[x x'] of its time point, k x k at second_moments + j * k * k.
   double* second_moments;
-  double* states;       // read column j: the smoothed state, k values at states + j * ld
-  int ld;               // B k
-  double* data_states;  // p x k: the sums of y x'
+  double* states;          // read column j: the smoothed state, k values at states + j * ld
+  int ld;                  // B k
+  double* moment_scratch;  // k x k
+};
+
+// Objects first .. first + count - 1.
+struct RowRange {
+  int first;
+  int count;
 };
 
 class BatchProducts {
@@ -61,12 +67,12 @@ class BatchProducts {
   // the downdates of the missing cells, then the product projected. The
   // models share p and k, and data the p and columns of the room.
   void prepare(std::span<const StateSpaceModel* const> models, const EmData& data);
-  // After every start has written its states and second moments:
-  // data_states = Y states'.
-  void finish(const EmData& data);
-  // Then, for start b with its model: the missing cells' terms added, its sums
-  // of y x' and of y^2 written whole into sums.
-  void write_sums(int b, const StateSpaceModel& model, const EmData& data, SufficientStats* sums);
+  // After every start has written its states and second moments: the sums
+  // of y x' and of y^2 of each start written whole into its sums, with the
+  // missing cells' terms, block by block of objects so that each block of Y
+  // is read from the cache by every start.
+  void finish(std::span<const StateSpaceModel* const> models, const EmData& data,
+              std::span<SufficientStats* const> sums);
 
  private:
   // projected = R_inv_H' Y, block by block of objects.
@@ -90,10 +96,9 @@ class BatchProducts {
   HeapArray<double> downdates_;       // (k k n) x B
   Matrix missing_log_R_;              // n x B
   HeapArray<double> second_moments_;  // (k k n) x B
-  HeapArray<double> moment_sum_;      // k x k: scratch of write_sums()
+  HeapArray<double> moment_scratch_;  // k x k: scratch of finish()
   Matrix projected_;                  // (B k) x n
   Matrix states_;                     // (B k) x n
-  Matrix data_states_;                // p x (B k)
 };
 
 // Bytes a BatchProducts of these dimensions takes, in double precision.

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 
 #include "core/em.h"
 #include "linalg/small_matrix.h"
@@ -92,10 +93,9 @@ void e_step_batch(std::span<const StateSpaceModel* const> models, const EmData& 
   for (std::size_t b = 0; b < models.size(); ++b) {
     llh[b] = pass_start(*models[b], data, products->start(static_cast<int>(b)), buffers[b]);
   }
-  products->finish(data);
-  for (std::size_t b = 0; b < models.size(); ++b) {
-    products->write_sums(static_cast<int>(b), *models[b], data, &buffers[b]->total_sums);
-  }
+  std::array<SufficientStats*, kMaxBatchStarts> sums{};
+  for (std::size_t b = 0; b < models.size(); ++b) sums[b] = &buffers[b]->total_sums;
+  products->finish(models, data, {sums.data(), models.size()});
 }
 
 double e_step(const StateSpaceModel& model, const EmData& data, EmBuffers* buffers,
