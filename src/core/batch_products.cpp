@@ -21,7 +21,8 @@ BatchProducts::BatchProducts(int p, int n_columns, int max_k, int max_starts)
       second_moments_(array_size(max_k, max_k, n_columns, max_starts)),
       moment_scratch_(array_size(max_k, max_k)),
       projected_(max_k * max_starts, n_columns),
-      states_(max_k * max_starts, n_columns) {}
+      states_(max_k * max_starts, n_columns),
+      next_missing_(array_size(n_columns)) {}
 
 double* BatchProducts::H_rows_of(int b) {
   return H_rows_.get() + static_cast<std::size_t>(b) * k_ * R_inv_H_.rows();
@@ -60,35 +61,6 @@ StartProducts BatchProducts::start(int b) {
 
 namespace {
 
-// H', R^-1 H, 1/R, log R and their sum of one model, in one sweep over the
-// objects, then H' R^-1 H.
-template <int K>
-void prepare_model(const StateSpaceModel& model, double* H_rows, double* R_inv_H, double* inverse_R,
-                   double* log_R, double* sum_log_R, double* information) {
-  int p = model.p();
-  int k = small::dim<K>(model.k());
-  const double* H = model.H.data();
-  const double* R = model.R.data();
-  double sum = 0.0;
-  for (int i = 0; i < p; ++i) {
-    const double r = R[i];
-    for (int j = 0; j < k; ++j) {
-      const double h = H[small::at(i, j, p)];
-      H_rows[static_cast<std::size_t>(i) * k + j] = h;
-      R_inv_H[small::at(i, j, p)] = h / r;
-    }
-    inverse_R[i] = 1.0 / r;
-    log_R[i] = std::log(r);
-    sum += log_R[i];
-  }
-  *sum_log_R = sum;
-  // Column by column, as the filter of the result files forms it.
-  for (int j = 0; j < k; ++j) {
-    dgemv_("T", &p, &k, &blas::kOne, H, &p, R_inv_H + small::at(0, j, p), &blas::kIncOne,
-           &blas::kZero, information + small::at(0, j, k), &blas::kIncOne);
-  }
-}
-
 // Two doubles side by side, as the vector registers of most machines hold
 // them; its arithmetic is that of the two doubles on their own.
 using Pair = double __attribute__((vector_size(2 * sizeof(double))));
@@ -111,49 +83,97 @@ inline void add_scaled(int n, double a, const double* __restrict x, double* __re
   }
 }
 
-// Up to this many values of H, a column's missing rows are read where they
-// lie in a cache; past it, the model is read once in order.
-constexpr double kScatteredReadLimit = 131072.0;
+// Where one model's terms go: H' (k x p, row i of H at H_rows + i k),
+// R^-1 H (p x k), 1/R and log R (p each), and the downdates of the missing
+// cells with their sums of log R (k x k and one value per read column).
+struct ModelTerms {
+  double* H_rows;
+  double* R_inv_H;
+  double* inverse_R;
+  double* log_R;
+  double* downdates;
+  double* missing_log_R;
+};
 
-// The sums over the missing rows of each read column of h h' / R and of
-// log R, column by column in registers where k is fixed.
+// Objects per block of the sweep that forms a model's terms: their rows of
+// H', 1/R and log R stay in the first-level cache while the missing cells of
+// the block are taken out.
+constexpr int kTermRows = 512;
+
+// The terms of the objects of one block, and the sum of their log R added to
+// sum_log_R in order.
 template <int K>
-void downdates_by_column(int k_, const EmData& data, const double* H_rows, const double* inverse_R,
-                         const double* log_R, double* downdates, double* missing_log_R) {
+void form_block_terms(const StateSpaceModel& model, RowRange objects, const ModelTerms& to,
+                      double* sum_log_R) {
+  const int p = model.p();
+  const int k = small::dim<K>(model.k());
+  const double* H = model.H.data();
+  const double* R = model.R.data();
+  double sum = *sum_log_R;
+  for (int i = objects.first; i < objects.first + objects.count; ++i) {
+    const double r = R[i];
+    for (int j = 0; j < k; ++j) {
+      const double h = H[small::at(i, j, p)];
+      to.H_rows[static_cast<std::size_t>(i) * k + j] = h;
+      to.R_inv_H[small::at(i, j, p)] = h / r;
+    }
+    to.inverse_R[i] = 1.0 / r;
+    to.log_R[i] = std::log(r);
+    sum += to.log_R[i];
+  }
+  *sum_log_R = sum;
+}
+
+// The missing cells of one block taken into each read column's sums of
+// h h' / R and of log R: next[j] is the first missing row of column j not yet
+// taken, and moves past the block. Within a column the objects come in
+// ascending order, block after block, and the sum stays in registers where k
+// is fixed.
+template <int K>
+void downdate_block(int k_, int end, std::span<const int*> next, const ModelTerms& terms) {
   const int k = small::dim<K>(k_);
   const std::size_t kk = static_cast<std::size_t>(k) * k;
   double fixed_sum[K > 0 ? K * K : 1];
-  for (int j = 0; j < data.columns(); ++j) {
-    double* d = downdates + static_cast<std::size_t>(j) * kk;
+  for (std::size_t j = 0; j < next.size(); ++j) {
+    const int* m = next[j];
+    if (*m == -1 || *m >= end) continue;
+    double* d = terms.downdates + j * kk;
     double* sum = K > 0 ? fixed_sum : d;
-    std::fill_n(sum, kk, 0.0);
-    double log_sum = 0.0;
-    for (const int* m = data.missing_rows(j); *m != -1; ++m) {
-      const double* h = H_rows + static_cast<std::size_t>(*m) * k;
-      const double w = inverse_R[*m];
+    if constexpr (K > 0) std::copy_n(d, kk, sum);
+    double log_sum = terms.missing_log_R[j];
+    for (; *m != -1 && *m < end; ++m) {
+      const double* h = terms.H_rows + static_cast<std::size_t>(*m) * k;
+      const double w = terms.inverse_R[*m];
       for (int c = 0; c < k; ++c) add_scaled<K>(k, h[c] * w, h, sum + c * k);
-      log_sum += log_R[*m];
+      log_sum += terms.log_R[*m];
     }
     if constexpr (K > 0) std::copy_n(fixed_sum, kk, d);
-    missing_log_R[j] = log_sum;
+    terms.missing_log_R[j] = log_sum;
+    next[j] = m;
   }
 }
 
-// The same sums, object by object, in the same order within each column.
+// Every term of one model in one sweep over the objects, then
+// information = H' R^-1 H column by column, as the filter of the result files
+// forms it.
 template <int K>
-void downdates_by_object(int k_, const EmData& data, const double* H_rows, const double* inverse_R,
-                         const double* log_R, double* downdates, double* missing_log_R) {
-  const int k = small::dim<K>(k_);
-  const std::size_t kk = static_cast<std::size_t>(k) * k;
-  std::fill_n(downdates, kk * data.columns(), 0.0);
-  std::fill_n(missing_log_R, data.columns(), 0.0);
-  for (int i = 0; i < data.p(); ++i) {
-    const double* h = H_rows + static_cast<std::size_t>(i) * k;
-    for (const int j : data.missing_places(i)) {
-      double* d = downdates + static_cast<std::size_t>(j) * kk;
-      for (int c = 0; c < k; ++c) add_scaled<K>(k, h[c] * inverse_R[i], h, d + c * k);
-      missing_log_R[j] += log_R[i];
-    }
+void form_model_terms(const StateSpaceModel& model, const EmData& data, const ModelTerms& terms,
+                      std::span<const int*> next, double* sum_log_R, double* information) {
+  int p = model.p();
+  int k = model.k();
+  const std::size_t n = next.size();
+  std::fill_n(terms.downdates, n * k * k, 0.0);
+  std::fill_n(terms.missing_log_R, n, 0.0);
+  for (std::size_t j = 0; j < n; ++j) next[j] = data.missing_rows(static_cast<int>(j));
+  *sum_log_R = 0.0;
+  for (int first = 0; first < p; first += kTermRows) {
+    const RowRange objects{first, std::min(kTermRows, p - first)};
+    form_block_terms<K>(model, objects, terms, sum_log_R);
+    downdate_block<K>(k, first + objects.count, next, terms);
+  }
+  for (int j = 0; j < k; ++j) {
+    dgemv_("T", &p, &k, &blas::kOne, model.H.data(), &p, terms.R_inv_H + small::at(0, j, p),
+           &blas::kIncOne, &blas::kZero, information + small::at(0, j, k), &blas::kIncOne);
   }
 }
 
@@ -197,17 +217,14 @@ void add_missing_cells(const StateSpaceModel& model, const EmData& data, const S
 void BatchProducts::prepare(std::span<const StateSpaceModel* const> models, const EmData& data) {
   starts_ = static_cast<int>(models.size());
   k_ = models.front()->k();
-  const int p = data.p();
+  const std::span<const int*> next(next_missing_.get(), static_cast<std::size_t>(data.columns()));
   for (int b = 0; b < starts_; ++b) {
     const StateSpaceModel& model = *models[static_cast<std::size_t>(b)];
+    const ModelTerms terms{H_rows_of(b),     R_inv_H_.col(b * k_), inverse_R_.col(b),
+                           log_R_.col(b),    downdates_of(b),      missing_log_R_.col(b)};
     small::with_fixed_size(k_, [&](auto fixed) {
-      constexpr int K = decltype(fixed)::value;
-      prepare_model<K>(model, H_rows_of(b), R_inv_H_.col(b * k_), inverse_R_.col(b), log_R_.col(b),
-                       &sum_log_R_[static_cast<std::size_t>(b)], information_of(b));
-      const bool in_cache = static_cast<double>(p) * k_ <= kScatteredReadLimit;
-      (in_cache ? downdates_by_column<K>
-                : downdates_by_object<K>)(k_, data, H_rows_of(b), inverse_R_.col(b), log_R_.col(b),
-                                          downdates_of(b), missing_log_R_.col(b));
+      form_model_terms<decltype(fixed)::value>(
+          model, data, terms, next, &sum_log_R_[static_cast<std::size_t>(b)], information_of(b));
     });
   }
   if (data.columns() > 0) project_data(data);

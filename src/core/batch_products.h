@@ -99,6 +99,7 @@ class BatchProducts {
   HeapArray<double> moment_scratch_;  // k x k: scratch of finish()
   Matrix projected_;                  // (B k) x n
   Matrix states_;                     // (B k) x n
+  HeapArray<const int*> next_missing_;  // n: scratch of prepare()
 };
 
 // Bytes a BatchProducts of these dimensions takes, in double precision.
