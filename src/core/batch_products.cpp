@@ -220,8 +220,8 @@ void BatchProducts::prepare(std::span<const StateSpaceModel* const> models, cons
   const std::span<const int*> next(next_missing_.get(), static_cast<std::size_t>(data.columns()));
   for (int b = 0; b < starts_; ++b) {
     const StateSpaceModel& model = *models[static_cast<std::size_t>(b)];
-    const ModelTerms terms{H_rows_of(b),     R_inv_H_.col(b * k_), inverse_R_.col(b),
-                           log_R_.col(b),    downdates_of(b),      missing_log_R_.col(b)};
+    const ModelTerms terms{H_rows_of(b),  R_inv_H_.col(b * k_), inverse_R_.col(b),
+                           log_R_.col(b), downdates_of(b),      missing_log_R_.col(b)};
     small::with_fixed_size(k_, [&](auto fixed) {
       form_model_terms<decltype(fixed)::value>(
           model, data, terms, next, &sum_log_R_[static_cast<std::size_t>(b)], information_of(b));
@@ -240,13 +240,13 @@ void BatchProducts::project_data(const EmData& data) {
   for (int first = 0; first < p; first += kProductRows) {
     int block = std::min(kProductRows, p - first);
     const double* beta = first == 0 ? &blas::kZero : &blas::kOne;
-    dgemm_("T", "N", &rows, &n, &block, &blas::kOne, R_inv_H_.data() + first, &p,
-           data.Y() + first, &p, beta, projected_.data(), &rows);
+    dgemm_("T", "N", &rows, &n, &block, &blas::kOne, R_inv_H_.data() + first, &p, data.Y() + first,
+           &p, beta, projected_.data(), &rows);
   }
 }
 
 void BatchProducts::finish(std::span<const StateSpaceModel* const> models, const EmData& data,
-                          std::span<SufficientStats* const> sums) {
+                           std::span<SufficientStats* const> sums) {
   int p = data.p();
   int n = data.columns();
   int ld = starts_ * k_;

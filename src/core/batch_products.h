@@ -87,18 +87,18 @@ class BatchProducts {
   int k_ = 0;
   // Blocks of k x k or k x p per start, packed by the current k; their room
   // counted in 64 bits.
-  HeapArray<double> H_rows_;          // (k p) x B
-  Matrix R_inv_H_;                    // p x (B k)
-  Matrix inverse_R_;                  // p x B
-  Matrix log_R_;                      // p x B
-  Matrix sum_log_R_;                  // B
-  HeapArray<double> information_;     // k x k x B
-  HeapArray<double> downdates_;       // (k k n) x B
-  Matrix missing_log_R_;              // n x B
-  HeapArray<double> second_moments_;  // (k k n) x B
-  HeapArray<double> moment_scratch_;  // k x k: scratch of finish()
-  Matrix projected_;                  // (B k) x n
-  Matrix states_;                     // (B k) x n
+  HeapArray<double> H_rows_;            // (k p) x B
+  Matrix R_inv_H_;                      // p x (B k)
+  Matrix inverse_R_;                    // p x B
+  Matrix log_R_;                        // p x B
+  Matrix sum_log_R_;                    // B
+  HeapArray<double> information_;       // k x k x B
+  HeapArray<double> downdates_;         // (k k n) x B
+  Matrix missing_log_R_;                // n x B
+  HeapArray<double> second_moments_;    // (k k n) x B
+  HeapArray<double> moment_scratch_;    // k x k: scratch of finish()
+  Matrix projected_;                    // (B k) x n
+  Matrix states_;                       // (B k) x n
   HeapArray<const int*> next_missing_;  // n: scratch of prepare()
 };
 

@@ -112,6 +112,71 @@ TEST(EStep, SumsAgreeWithTextbookSmoother) {
   }
 }
 
+// Past a few thousand objects the E-step forms its terms and products block
+// by block. Its likelihood must be that of the direct-form filter, which
+// sweeps every object at every time point, and the sums of each object must
+// not depend on where the blocks cut the objects: here, in reverse order.
+TEST(EStep, BlocksOfObjectsChangeNoSum) {
+  std::mt19937_64 rng(31);
+  const int p = 2 * kProductRows + 300, k = 3, T = 6;
+  const Model m = random_model(p, k, rng);
+  const Data d = random_series(p, T, 2, rng);
+  Model rm = m;
+  Data rd;  // the reverse of d
+  rd.p = p;
+  rd.T = T;
+  rd.sample_at = d.sample_at;
+  rd.n_samples = d.n_samples;
+  rd.Y.assign(d.Y.size(), 0.0);
+  rd.lists.assign(d.lists.size(), {});
+  rd.missing.clear();
+  const auto reverse = [&](int i) { return p - 1 - i; };
+  for (int i = 0; i < p; ++i) {
+    for (int j = 0; j < k; ++j) rm.H(reverse(i), j) = m.H(i, j);
+    rm.R.a[static_cast<std::size_t>(reverse(i))] = m.R.a[static_cast<std::size_t>(i)];
+    for (int s = 0; s < d.n_samples; ++s) {
+      rd.Y[static_cast<std::size_t>(reverse(i) + s * p)] = d.Y[static_cast<std::size_t>(i + s * p)];
+    }
+  }
+  for (std::size_t s = 0; s < d.lists.size(); ++s) {
+    for (const int i : d.lists[s]) {
+      if (i >= 0) rd.lists[s].insert(rd.lists[s].begin(), reverse(i));
+    }
+    rd.lists[s].push_back(-1);
+    rd.missing.push_back(rd.lists[s].data());
+  }
+
+  const auto data = to_data(d);
+  const auto reversed = to_data(rd);
+  EmBuffers forward_sums(p, k, T, false), reverse_sums(p, k, T, false);
+  const double llh = run_e_step(*to_ssm(m), *data, &forward_sums);
+  const double reverse_llh = run_e_step(*to_ssm(rm), *reversed, &reverse_sums);
+
+  Trajectory s(k, T);
+  Workspace work(p, k, false);
+  double direct = 0.0;
+  for (int r = 0; r < 2; ++r) direct += run_filter(*to_ssm(m), replicate_view(*data, r), &s, &work);
+  EXPECT_NEAR(llh, direct, 1e-10 * std::fabs(direct));
+  EXPECT_NEAR(reverse_llh, direct, 1e-10 * std::fabs(direct));
+
+  const SufficientStats& a = forward_sums.total_sums;
+  const SufficientStats& b = reverse_sums.total_sums;
+  // The sums cancel down to a thousandth of their terms, which are of order 1.
+  const auto close = [](double x, double y) {
+    return std::fabs(x - y) <= 1e-10 * std::fabs(y) + 1e-9;
+  };
+  for (int i = 0; i < p; ++i) {
+    ASSERT_TRUE(close(a.sum_yy(i, 0), b.sum_yy(reverse(i), 0))) << "object " << i;
+    for (int j = 0; j < k; ++j) {
+      ASSERT_TRUE(close(a.sum_yx(i, j), b.sum_yx(reverse(i), j))) << "object " << i << ", " << j;
+    }
+  }
+  for (int e = 0; e < k * k; ++e) {
+    EXPECT_TRUE(close(a.sum_xx_observed.data()[e], b.sum_xx_observed.data()[e]));
+    EXPECT_TRUE(close(a.sum_xx_lag.data()[e], b.sum_xx_lag.data()[e]));
+  }
+}
+
 // H = yx xx_obs^-1, F = xx_lag xx_prev^-1 (its diagonal pinned at g under the
 // constraint), R row by row or their mean, exp the mean of the x0 sums.
 TEST(MStep, OnePassMatchesClosedForm) {
