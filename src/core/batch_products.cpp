@@ -245,29 +245,25 @@ void BatchProducts::project_data(const EmData& data) {
   }
 }
 
-void BatchProducts::finish(std::span<const StateSpaceModel* const> models, const EmData& data,
-                           std::span<SufficientStats* const> sums) {
+void BatchProducts::finish(int b, const StateSpaceModel& model, const EmData& data,
+                           RowRange objects, SufficientStats* sums) {
   int p = data.p();
   int n = data.columns();
   int ld = starts_ * k_;
-  for (int first = 0; first < p; first += kProductRows) {
-    int block = std::min(kProductRows, p - first);
-    for (int b = 0; b < starts_; ++b) {
-      const std::size_t start_b = static_cast<std::size_t>(b);
-      double* yx = sums[start_b]->sum_yx.data();
-      if (n > 0) {
-        dgemm_("N", "T", &block, &k_, &n, &blas::kOne, data.Y() + first, &p,
-               states_.data() + start_b * k_, &ld, &blas::kZero, yx + first, &p);
-      } else {
-        for (int c = 0; c < k_; ++c) std::fill_n(yx + small::at(first, c, p), block, 0.0);
-      }
-      small::with_fixed_size(k_, [&](auto fixed) {
-        add_missing_cells<decltype(fixed)::value>(*models[start_b], data, start(b),
-                                                  RowRange{first, block},
-                                                  sums[start_b]->sum_yy.data(), yx);
-      });
+  double* yx = sums->sum_yx.data();
+  if (n > 0) {
+    dgemm_("N", "T", &objects.count, &k_, &n, &blas::kOne, data.Y() + objects.first, &p,
+           states_.data() + static_cast<std::size_t>(b) * k_, &ld, &blas::kZero, yx + objects.first,
+           &p);
+  } else {
+    for (int c = 0; c < k_; ++c) {
+      std::fill_n(yx + small::at(objects.first, c, p), objects.count, 0.0);
     }
   }
+  small::with_fixed_size(k_, [&](auto fixed) {
+    add_missing_cells<decltype(fixed)::value>(model, data, start(b), objects, sums->sum_yy.data(),
+                                              yx);
+  });
 }
 
 double batch_products_bytes(int p, int n_columns, int k, int starts) {

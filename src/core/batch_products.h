@@ -67,12 +67,13 @@ class BatchProducts {
   // the downdates of the missing cells, then the product projected. The
   // models share p and k, and data the p and columns of the room.
   void prepare(std::span<const StateSpaceModel* const> models, const EmData& data);
-  // After every start has written its states and second moments: the sums
-  // of y x' and of y^2 of each start written whole into its sums, with the
-  // missing cells' terms, block by block of objects so that each block of Y
-  // is read from the cache by every start.
-  void finish(std::span<const StateSpaceModel* const> models, const EmData& data,
-              std::span<SufficientStats* const> sums);
+  // After every start has written its states and second moments: start b's
+  // sums of y x' and of y^2 over the objects of one block of kProductRows,
+  // with the missing cells' terms, written whole into sums. Called block by
+  // block, every start within a block, each block of Y is read from the
+  // cache by all but the first start.
+  void finish(int b, const StateSpaceModel& model, const EmData& data, RowRange objects,
+              SufficientStats* sums);
 
  private:
   // projected = R_inv_H' Y, block by block of objects.

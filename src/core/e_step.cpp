@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <array>
 
 #include "core/em.h"
 #include "linalg/small_matrix.h"
@@ -93,9 +92,13 @@ void e_step_batch(std::span<const StateSpaceModel* const> models, const EmData& 
   for (std::size_t b = 0; b < models.size(); ++b) {
     llh[b] = pass_start(*models[b], data, products->start(static_cast<int>(b)), buffers[b]);
   }
-  std::array<SufficientStats*, kMaxBatchStarts> sums{};
-  for (std::size_t b = 0; b < models.size(); ++b) sums[b] = &buffers[b]->total_sums;
-  products->finish(models, data, {sums.data(), models.size()});
+  const int p = data.p();
+  for (int first = 0; first < p; first += kProductRows) {
+    const RowRange objects{first, std::min(kProductRows, p - first)};
+    for (std::size_t b = 0; b < models.size(); ++b) {
+      products->finish(static_cast<int>(b), *models[b], data, objects, &buffers[b]->total_sums);
+    }
+  }
 }
 
 double e_step(const StateSpaceModel& model, const EmData& data, EmBuffers* buffers,

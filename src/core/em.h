@@ -55,8 +55,8 @@ struct Estimate {
 double e_step(const StateSpaceModel& model, const EmData& data, EmBuffers* buffers,
               BatchProducts* products);
 
-// The E-step of a batch of up to kMaxBatchStarts starts of one dimension:
-// models[b] into buffers[b], its log-likelihood into llh[b].
+// The E-step of a batch of starts of one dimension: models[b] into
+// buffers[b], its log-likelihood into llh[b].
 void e_step_batch(std::span<const StateSpaceModel* const> models, const EmData& data,
                   std::span<EmBuffers* const> buffers, BatchProducts* products,
                   std::span<double> llh);
