@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 
 #include "linalg/blas.h"
+#include "linalg/pair.h"
 #include "linalg/small_matrix.h"
 
 namespace tarn {
@@ -61,10 +61,6 @@ StartProducts BatchProducts::start(int b) {
 
 namespace {
 
-// Two doubles side by side, as the vector registers of most machines hold
-// them; its arithmetic is that of the two doubles on their own.
-using Pair = double __attribute__((vector_size(2 * sizeof(double))));
-
 // y += a x over K (or n) elements that do not overlap, two at a time where K
 // is even.
 template <int K>
@@ -72,11 +68,7 @@ inline void add_scaled(int n, double a, const double* __restrict x, double* __re
   if constexpr (K > 0 && K % 2 == 0) {
     const Pair scale = {a, a};
     for (int i = 0; i < K; i += 2) {
-      Pair xi, yi;
-      std::memcpy(&xi, x + i, sizeof xi);
-      std::memcpy(&yi, y + i, sizeof yi);
-      yi += scale * xi;
-      std::memcpy(y + i, &yi, sizeof yi);
+      store_pair(y + i, load_pair(y + i) + scale * load_pair(x + i));
     }
   } else {
     for (int i = 0; i < small::dim<K>(n); ++i) y[i] += a * x[i];

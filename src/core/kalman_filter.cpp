@@ -1,10 +1,10 @@
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 
 #include "core/kalman.h"
 #include "linalg/blas.h"
 #include "linalg/matrix.h"
+#include "linalg/pair.h"
 #include "linalg/small_matrix.h"
 
 namespace tarn {
@@ -19,16 +19,6 @@ using small::at;
 using small::dim;
 
 constexpr double kTwoPi = 6.283185307179586;
-
-// Two doubles side by side, as the vector registers of most machines hold
-// them; its arithmetic is that of the two doubles on their own.
-using Pair = double __attribute__((vector_size(2 * sizeof(double))));
-
-inline Pair load_pair(const double* x) {
-  Pair v;
-  std::memcpy(&v, x, sizeof v);
-  return v;
-}
 
 // What the update reads of the model beyond H and R.
 struct FilterTerms {

@@ -1,7 +1,9 @@
 #include <algorithm>
+#include <type_traits>
 
 #include "core/em.h"
 #include "linalg/blas.h"
+#include "linalg/pair.h"
 #include "linalg/small_matrix.h"
 
 namespace tarn {
@@ -11,72 +13,141 @@ namespace {
 using small::at;
 using small::dim;
 
-// y -= u x over n elements.
-void subtract_scaled(int n, double u, const double* __restrict x, double* __restrict y) {
-  for (int r = 0; r < n; ++r) y[r] -= u * x[r];
+// One double, or two side by side: the rows of the M-step go two at a time,
+// one per lane, where k is fixed.
+template <typename V>
+V load(const double* x) {
+  if constexpr (std::is_same_v<V, Pair>) {
+    return load_pair(x);
+  } else {
+    return *x;
+  }
 }
 
-// Rows of X solved side by side, in blocks that stay in the core's cache.
-constexpr int kRowBlock = 512;
+template <typename V>
+void store(double* x, V v) {
+  if constexpr (std::is_same_v<V, Pair>) {
+    store_pair(x, v);
+  } else {
+    *x = v;
+  }
+}
 
-// X = A B^-1 (A and X rows x k, B k x k) through one LU factorisation of B:
-// for every row, the solve of B' x' = a' by U', then L', then the swaps in
-// reverse; rows side by side, column by column of X, a block of rows at a time.
-template <int K>
+// The column that element j of a solved row ends in: the swaps of the LU
+// factors, applied to the row in reverse, are the same for every row.
+void column_order(int k, const int* ipiv, int* order) {
+  for (int j = 0; j < k; ++j) order[j] = j;
+  for (int i = k - 1; i >= 0; --i) std::swap(order[i], order[ipiv[i] - 1]);
+}
+
+// x B = a for G rows through the LU factors of B: B' x' = a' by U', then L';
+// the swaps are left to the caller. Row g is k values of V at x + g k; the
+// rows go side by side, so that their chains of dependent divisions overlap.
+template <int K, int G, typename V>
+void solve_rows(int k_, const double* lu, V* x) {
+  const int k = dim<K>(k_);
+  auto element = [&](int g, int j) -> V& { return x[g * k + j]; };
+  for (int j = 0; j < k; ++j) {
+    for (int g = 0; g < G; ++g) {
+      V temp = element(g, j);
+      for (int i = 0; i < j; ++i) temp -= lu[at(i, j, k)] * element(g, i);
+      element(g, j) = temp / lu[at(j, j, k)];
+    }
+  }
+  for (int j = k - 1; j >= 0; --j) {
+    for (int g = 0; g < G; ++g) {
+      V temp = element(g, j);
+      for (int i = j + 1; i < k; ++i) temp -= lu[at(i, j, k)] * element(g, i);
+      element(g, j) = temp;
+    }
+  }
+}
+
+// Pairs of rows that a fixed k solves side by side.
+constexpr int kPairsAtOnce = 4;
+
+// X = A B^-1 (A and X rows x k, B k x k) through one LU factorisation of B,
+// row by row, each row read and written once. on_row(i, x, order) sees the
+// solved row i (two rows, i and i + 1, where x holds pairs), its element
+// order[c] in column c.
+template <int K, typename OnRow>
 void right_divide(const double* __restrict A, const double* B, int rows, int k_,
-                  double* __restrict X, Workspace* w) {
+                  double* __restrict X, Workspace* w, OnRow&& on_row) {
   const int k = dim<K>(k_);
   double* lu = w->square_b.data();
-  int* ipiv = w->pivots.get();
   small::copy(k * k, B, lu);
-  small::getrf<K>(k, lu, ipiv);
-  for (int first = 0; first < rows; first += kRowBlock) {
-    const int n = std::min(kRowBlock, rows - first);
-    auto column = [&](int j) { return X + at(first, j, rows); };
-    for (int j = 0; j < k; ++j) {
-      double* x = column(j);
-      std::copy_n(A + at(first, j, rows), n, x);
-      for (int i = 0; i < j; ++i) subtract_scaled(n, lu[at(i, j, k)], column(i), x);
-      const double pivot = lu[at(j, j, k)];
-      for (int r = 0; r < n; ++r) x[r] /= pivot;
+  small::getrf<K>(k, lu, w->pivots.get());
+  int fixed_order[K > 0 ? K : 1];
+  int* order = K > 0 ? fixed_order : w->column_order.get();
+  column_order(k, w->pivots.get(), order);
+  // G groups of k values, lanes of rows i, i + 1, ... of A and X.
+  auto solve = [&]<int G>(int i, auto* x) {
+    using V = std::remove_reference_t<decltype(*x)>;
+    constexpr int lanes = std::is_same_v<V, Pair> ? 2 : 1;
+    for (int g = 0; g < G; ++g) {
+      for (int j = 0; j < k; ++j) x[g * k + j] = load<V>(A + at(i + lanes * g, j, rows));
     }
-    for (int j = k - 1; j >= 0; --j) {
-      for (int i = j + 1; i < k; ++i) subtract_scaled(n, lu[at(i, j, k)], column(i), column(j));
+    solve_rows<K, G>(k, lu, x);
+    for (int g = 0; g < G; ++g) {
+      const V* row = x + g * k;
+      for (int c = 0; c < k; ++c) store(X + at(i + lanes * g, c, rows), row[order[c]]);
+      on_row(i + lanes * g, row, order);
     }
-    for (int i = k - 1; i >= 0; --i) {
-      const int swap = ipiv[i] - 1;
-      if (k != 1 && swap != i) std::swap_ranges(column(i), column(i) + n, column(swap));
+  };
+  int i = 0;
+  if constexpr (K > 0) {
+    Pair x[kPairsAtOnce * (K > 0 ? K : 1)];
+    for (; i + 2 * kPairsAtOnce <= rows; i += 2 * kPairsAtOnce) {
+      solve.template operator()<kPairsAtOnce>(i, x);
     }
+    for (; i + 2 <= rows; i += 2) solve.template operator()<1>(i, x);
   }
+  double fixed_x[K > 0 ? K : 1];
+  double* x = K > 0 ? fixed_x : w->row_scratch.data();
+  for (; i < rows; ++i) solve.template operator()<1>(i, x);
 }
 
-// R[i] = (yy[i] - 2 h yx(i)' + h xx_observed h') / n_samples, h the new row i
-// of H; all rows at once.
-template <int K>
-void update_R(const SufficientStats& sums, int n_samples, StateSpaceModel* model, Workspace* w) {
-  const int p = model->p();
-  const int k = dim<K>(model->k());
-  const double c = 1.0 / n_samples;
-  const double* __restrict H = model->H.data();
-  const double* __restrict yx = sums.sum_yx.data();
-  const double* __restrict yy = sums.sum_yy.data();
-  const double* __restrict xx = sums.sum_xx_observed.data();
-  double* __restrict R = model->R.data();
-  // A fixed k keeps h xx in registers; other sizes use the scratch vector.
-  double fixed_xh[K > 0 ? K : 1];
-  double* xh = K > 0 ? fixed_xh : w->vector_scratch.data();
-  for (int i = 0; i < p; ++i) {
-    double a = 0.0;
-    for (int j = 0; j < k; ++j) a += H[at(i, j, p)] * yx[at(i, j, p)];
-    for (int j = 0; j < k; ++j) xh[j] = 0.0;
-    for (int l = 0; l < k; ++l) {
-      const double h = H[at(i, l, p)];
-      for (int j = 0; j < k; ++j) xh[j] += h * xx[at(j, l, k)];
-    }
-    double b = 0.0;
-    for (int j = 0; j < k; ++j) b += H[at(i, j, p)] * xh[j];
-    R[i] = (yy[i] - a - a + b) * c;
+// R of one row (or two side by side) from its new row h of H, element
+// order[c] of x in column c: (yy - 2 h yx' + h xx_observed h') / n_samples.
+// xh holds k values of V.
+template <int K, typename V>
+[[gnu::always_inline]] inline V noise_variance(const SufficientStats& sums, int p, int i,
+                                               const V* x, const int* order, V* xh, double scale) {
+  const int k = dim<K>(sums.k());
+  const double* xx = sums.sum_xx_observed.data();
+  auto h = [&](int c) { return x[order[c]]; };
+  V a{};
+  for (int j = 0; j < k; ++j) a += h(j) * load<V>(sums.sum_yx.data() + at(i, j, p));
+  for (int j = 0; j < k; ++j) xh[j] = V{};
+  for (int l = 0; l < k; ++l) {
+    for (int j = 0; j < k; ++j) xh[j] += h(l) * xx[at(j, l, k)];
   }
+  V b{};
+  for (int j = 0; j < k; ++j) b += h(j) * xh[j];
+  return (load<V>(sums.sum_yy.data() + i) - a - a + b) * scale;
+}
+
+// H = sum_yx sum_xx_observed^-1 and, from each new row of H, R of its object.
+template <int K>
+void update_H_and_R(const SufficientStats& sums, int n_samples, StateSpaceModel* model,
+                    Workspace* w) {
+  const int p = model->p();
+  const double scale = 1.0 / n_samples;
+  double* R = model->R.data();
+  auto update_R = [&](int i, auto* x, const int* order) {
+    using V = std::remove_const_t<std::remove_reference_t<decltype(*x)>>;
+    if constexpr (std::is_same_v<V, Pair>) {
+      Pair xh[K > 0 ? K : 1];
+      store(R + i, noise_variance<K>(sums, p, i, x, order, xh, scale));
+    } else {
+      // A fixed k keeps h xx in registers; other sizes use the scratch vector.
+      double fixed_xh[K > 0 ? K : 1];
+      double* xh = K > 0 ? fixed_xh : w->vector_scratch.data();
+      R[i] = noise_variance<K>(sums, p, i, x, order, xh, scale);
+    }
+  };
+  right_divide<K>(sums.sum_yx.data(), sums.sum_xx_observed.data(), p, model->k(), model->H.data(),
+                  w, update_R);
 }
 
 // The update of F with its diagonal held at g: the plain update by the
@@ -112,14 +183,13 @@ void m_step(const EmSettings& settings, const DataSet& data, const SufficientSta
   }
   small::with_fixed_size(k, [&](auto fixed) {
     constexpr int K = decltype(fixed)::value;
-    right_divide<K>(sums.sum_yx.data(), sums.sum_xx_observed.data(), p, k, model->H.data(), work);
+    update_H_and_R<K>(sums, data.n_samples, model, work);
     if (settings.constrain_F == 0) {
       right_divide<K>(sums.sum_xx_lag.data(), sums.sum_xx_previous.data(), k, k, model->F.data(),
-                      work);
+                      work, [](int, auto*, const int*) {});
     } else {
       update_F_constrained(sums, settings.constrain_Fg, model, work);
     }
-    update_R<K>(sums, data.n_samples, model, work);
   });
   if (settings.common_R != 0) {
     double sum = 0.0;

@@ -25,6 +25,7 @@ int query_gesvd_lwork(int p, int k) {
 
 Workspace::Workspace(int p, int max_k, bool constrain_F)
     : pivots(array_size(max_k)),
+      column_order(array_size(max_k)),
       inverse_scratch(max_k, max_k),
       R_inv_H(p, max_k),
       information(max_k, max_k),
@@ -37,6 +38,7 @@ Workspace::Workspace(int p, int max_k, bool constrain_F)
       square_a(max_k, max_k),
       square_b(max_k, max_k),
       vector_scratch(max_k, 1),
+      row_scratch(max_k, 1),
       svd_lwork(query_gesvd_lwork(p, max_k)) {
   const long long svd_size =
       std::max({static_cast<long long>(svd_lwork), static_cast<long long>(p),

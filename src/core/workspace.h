@@ -14,6 +14,7 @@ struct Workspace {
   Workspace(int p, int max_k, bool constrain_F);
 
   HeapArray<int> pivots;        // k
+  HeapArray<int> column_order;  // k: the columns of the M-step's solved rows
   Matrix inverse_scratch;       // k x k: the right-hand sides of an explicit inverse
   Matrix R_inv_H;               // p x k: R^-1 H
   Matrix information;           // k x k: H' R^-1 H
@@ -30,6 +31,7 @@ struct Workspace {
   // values. With p < k the canonical form reads its entries past p as the
   // passes before left them, and the result files hold what follows from that.
   Matrix vector_scratch;
+  Matrix row_scratch;          // k: a row of the M-step's H
   HeapArray<double> svd_work;  // max(svd_lwork, p, k, k * k)
   int svd_lwork = 0;           // DGESVD workspace queried for p x max_k
   Matrix F_selection;  // (k * k) x k: the selection of diag(F); empty without the constraint
