@@ -19,7 +19,7 @@ BatchProducts::BatchProducts(int p, int n_columns, int max_k, int max_starts)
       downdates_(array_size(max_k, max_k, n_columns, max_starts)),
       missing_log_R_(n_columns, max_starts),
       second_moments_(array_size(max_k, max_k, n_columns, max_starts)),
-      moment_scratch_(array_size(max_k, max_k)),
+      moment_scratch_(array_size(max_k + 1, max_k)),
       projected_(max_k * max_starts, n_columns),
       states_(max_k * max_starts, n_columns),
       next_missing_(array_size(n_columns)) {}
@@ -99,18 +99,23 @@ void form_block_terms(const StateSpaceModel& model, RowRange objects, const Mode
                       double* sum_log_R) {
   const int p = model.p();
   const int k = small::dim<K>(model.k());
-  const double* H = model.H.data();
-  const double* R = model.R.data();
-  double sum = *sum_log_R;
-  for (int i = objects.first; i < objects.first + objects.count; ++i) {
-    const double r = R[i];
+  const int end = objects.first + objects.count;
+  const double* __restrict R = model.R.data();
+  for (int j = 0; j < k; ++j) {
+    const double* __restrict h = model.H.data() + small::at(0, j, p);
+    double* __restrict r_inv_h = to.R_inv_H + small::at(0, j, p);
+    for (int i = objects.first; i < end; ++i) r_inv_h[i] = h[i] / R[i];
+  }
+  for (int i = objects.first; i < end; ++i) {
     for (int j = 0; j < k; ++j) {
-      const double h = H[small::at(i, j, p)];
-      to.H_rows[static_cast<std::size_t>(i) * k + j] = h;
-      to.R_inv_H[small::at(i, j, p)] = h / r;
+      to.H_rows[static_cast<std::size_t>(i) * k + j] = model.H[small::at(i, j, p)];
     }
-    to.inverse_R[i] = 1.0 / r;
-    to.log_R[i] = std::log(r);
+  }
+  double* __restrict inverse_R = to.inverse_R;
+  for (int i = objects.first; i < end; ++i) inverse_R[i] = 1.0 / R[i];
+  double sum = *sum_log_R;
+  for (int i = objects.first; i < end; ++i) {
+    to.log_R[i] = std::log(R[i]);
     sum += to.log_R[i];
   }
   *sum_log_R = sum;
@@ -169,6 +174,27 @@ void form_model_terms(const StateSpaceModel& model, const EmData& data, const Mo
   }
 }
 
+// v = M h for a k x k M, each element summed over the columns in order; two
+// rows of M at a time where k is even.
+template <int K>
+void moment_times(int k_, const double* __restrict M, const double* __restrict h,
+                  double* __restrict v) {
+  const int k = small::dim<K>(k_);
+  int r = 0;
+  if constexpr (K > 0 && K % 2 == 0) {
+    for (; r < K; r += 2) {
+      Pair sum{};
+      for (int c = 0; c < K; ++c) sum += load_pair(M + r + c * K) * h[c];
+      store_pair(v + r, sum);
+    }
+  }
+  for (; r < k; ++r) {
+    double sum = 0.0;
+    for (int c = 0; c < k; ++c) sum += M[r + c * k] * h[c];
+    v[r] = sum;
+  }
+}
+
 // Objects first .. first + count - 1 of one start: each object's sum of y^2,
 // with its missing cells' R + h P h', into yy, and their h P added to its row
 // of yx (p x k), P summed over the object's missing columns.
@@ -193,12 +219,13 @@ void add_missing_cells(const StateSpaceModel& model, const EmData& data, const S
       add_scaled<K * K>(k * k, 1.0, s.second_moments + static_cast<std::size_t>(j) * kk, moment);
     }
     const double* h = s.H_rows + static_cast<std::size_t>(i) * k;
+    double fixed_v[K > 0 ? K : 1];
+    double* v = K > 0 ? fixed_v : s.moment_scratch + kk;
+    moment_times<K>(k, moment, h, v);
     double hSh = 0.0;
     for (int r = 0; r < k; ++r) {
-      double v = 0.0;
-      for (int c = 0; c < k; ++c) v += moment[r + c * k] * h[c];
-      yx[small::at(i, r, p)] += v;
-      hSh += h[r] * v;
+      yx[small::at(i, r, p)] += v[r];
+      hSh += h[r] * v[r];
     }
     yy[i] = (static_cast<double>(places.size()) * model.R[i] + hSh) + squares[i];
   }
@@ -261,7 +288,7 @@ void BatchProducts::finish(int b, const StateSpaceModel& model, const EmData& da
 double batch_products_bytes(int p, int n_columns, int k, int starts) {
   const double P = p, N = n_columns, K = k, B = starts;
   return 8.0 * B * (2.0 * P * K + 3.0 * P + 1.0 + K * K + 2.0 * K * N + 2.0 * K * K * N + N) +
-         8.0 * K * K;
+         8.0 * (K * K + K);
 }
 
 }  // namespace tarn

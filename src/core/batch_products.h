@@ -45,7 +45,7 @@ struct StartProducts {
   double* second_moments;
   double* states;          // read column j: the smoothed state, k values at states + j * ld
   int ld;                  // B k
-  double* moment_scratch;  // k x k
+  double* moment_scratch;  // k x k, then k
 };
 
 // Objects first .. first + count - 1.
@@ -97,7 +97,7 @@ class BatchProducts {
   HeapArray<double> downdates_;         // (k k n) x B
   Matrix missing_log_R_;                // n x B
   HeapArray<double> second_moments_;    // (k k n) x B
-  HeapArray<double> moment_scratch_;    // k x k: scratch of finish()
+  HeapArray<double> moment_scratch_;    // k x k + k: scratch of finish()
   Matrix projected_;                    // (B k) x n
   Matrix states_;                       // (B k) x n
   HeapArray<const int*> next_missing_;  // n: scratch of prepare()
