@@ -5,8 +5,8 @@
 // all time points and all starts at once, as matrix products:
 //
 //   projected = [R1^-1 H1 ... RB^-1 HB]' Y    (B k x n): H'R^-1 y of every read column
-//   sum_yx of start b = Y Xb'                  (p x k): the sums of y x', once the
-//                                              smoothed states X are in
+//   [sum_yx of each start] = Y [X1 ... XB]'   (p x B k): the sums of y x', once
+//                                              the smoothed states X are in
 //
 // With one start it is the batch of one.
 
@@ -67,11 +67,12 @@ class BatchProducts {
   // the downdates of the missing cells, then the product projected. The
   // models share p and k, and data the p and columns of the room.
   void prepare(std::span<const StateSpaceModel* const> models, const EmData& data);
-  // After every start has written its states and second moments: start b's
-  // sums of y x' and of y^2 over the objects of one block of kProductRows,
-  // with the missing cells' terms, written whole into sums. Called block by
-  // block, every start within a block, each block of Y is read from the
-  // cache by all but the first start.
+  // After every start has written its states and second moments: the
+  // product of one block of at most kProductRows objects of Y with the
+  // states of every start, as one product.
+  void multiply_states(const EmData& data, RowRange objects);
+  // Then start b's sums of y x' and of y^2 over the objects of that block,
+  // with the missing cells' terms, written whole into sums.
   void finish(int b, const StateSpaceModel& model, const EmData& data, RowRange objects,
               SufficientStats* sums);
 
@@ -100,6 +101,7 @@ class BatchProducts {
   HeapArray<double> moment_scratch_;    // k x k + k: scratch of finish()
   Matrix projected_;                    // (B k) x n
   Matrix states_;                       // (B k) x n
+  Matrix block_yx_;                     // min(p, kProductRows) x (B k): Y X' of a block
   HeapArray<const int*> next_missing_;  // n: scratch of prepare()
 };
 

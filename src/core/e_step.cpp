@@ -95,6 +95,7 @@ void e_step_batch(std::span<const StateSpaceModel* const> models, const EmData& 
   const int p = data.p();
   for (int first = 0; first < p; first += kProductRows) {
     const RowRange objects{first, std::min(kProductRows, p - first)};
+    products->multiply_states(data, objects);
     for (std::size_t b = 0; b < models.size(); ++b) {
       products->finish(static_cast<int>(b), *models[b], data, objects, &buffers[b]->total_sums);
     }
