@@ -22,7 +22,7 @@ BatchProducts::BatchProducts(int p, int n_columns, int max_k, int max_starts)
       moment_scratch_(array_size(max_k + 1, max_k)),
       projected_(max_k * max_starts, n_columns),
       states_(max_k * max_starts, n_columns),
-      block_yx_(std::min(p, kProductRows), max_k * max_starts),
+      block_yx_(max_starts > 1 ? std::min(p, kProductRows) : 0, max_k * max_starts),
       next_missing_(array_size(n_columns)) {}
 
 double* BatchProducts::H_rows_of(int b) {
@@ -269,21 +269,28 @@ void BatchProducts::multiply_states(const EmData& data, RowRange objects) {
   int p = data.p();
   int n = data.columns();
   int ld = starts_ * k_;
-  if (n == 0) return;
+  // One start's product goes straight into its sums in finish().
+  if (n == 0 || starts_ == 1) return;
   dgemm_("N", "T", &objects.count, &ld, &n, &blas::kOne, data.Y() + objects.first, &p,
          states_.data(), &ld, &blas::kZero, block_yx_.data(), &objects.count);
 }
 
 void BatchProducts::finish(int b, const StateSpaceModel& model, const EmData& data,
                            RowRange objects, SufficientStats* sums) {
-  const int p = data.p();
+  int p = data.p();
+  int n = data.columns();
   double* yx = sums->sum_yx.data();
-  for (int c = 0; c < k_; ++c) {
-    double* to = yx + small::at(objects.first, c, p);
-    if (data.columns() > 0) {
-      std::copy_n(block_yx_.data() + small::at(0, b * k_ + c, objects.count), objects.count, to);
-    } else {
-      std::fill_n(to, objects.count, 0.0);
+  if (n > 0 && starts_ == 1) {
+    dgemm_("N", "T", &objects.count, &k_, &n, &blas::kOne, data.Y() + objects.first, &p,
+           states_.data(), &k_, &blas::kZero, yx + objects.first, &p);
+  } else {
+    for (int c = 0; c < k_; ++c) {
+      double* to = yx + small::at(objects.first, c, p);
+      if (n > 0) {
+        std::copy_n(block_yx_.data() + small::at(0, b * k_ + c, objects.count), objects.count, to);
+      } else {
+        std::fill_n(to, objects.count, 0.0);
+      }
     }
   }
   small::with_fixed_size(k_, [&](auto fixed) {
@@ -295,7 +302,8 @@ void BatchProducts::finish(int b, const StateSpaceModel& model, const EmData& da
 double batch_products_bytes(int p, int n_columns, int k, int starts) {
   const double P = p, N = n_columns, K = k, B = starts;
   return 8.0 * B * (2.0 * P * K + 3.0 * P + 1.0 + K * K + 2.0 * K * N + 2.0 * K * K * N + N) +
-         8.0 * std::min(P, static_cast<double>(kProductRows)) * B * K + 8.0 * (K * K + K);
+         (B > 1 ? 8.0 * std::min(P, static_cast<double>(kProductRows)) * B * K : 0.0) +
+         8.0 * (K * K + K);
 }
 
 }  // namespace tarn

@@ -69,7 +69,8 @@ class BatchProducts {
   void prepare(std::span<const StateSpaceModel* const> models, const EmData& data);
   // After every start has written its states and second moments: the
   // product of one block of at most kProductRows objects of Y with the
-  // states of every start, as one product.
+  // states of every start, as one product; a batch of one start forms its
+  // own in finish().
   void multiply_states(const EmData& data, RowRange objects);
   // Then start b's sums of y x' and of y^2 over the objects of that block,
   // with the missing cells' terms, written whole into sums.
@@ -101,7 +102,7 @@ class BatchProducts {
   HeapArray<double> moment_scratch_;    // k x k + k: scratch of finish()
   Matrix projected_;                    // (B k) x n
   Matrix states_;                       // (B k) x n
-  Matrix block_yx_;                     // min(p, kProductRows) x (B k): Y X' of a block
+  Matrix block_yx_;                     // min(p, kProductRows) x (B k): Y X' of a block; B > 1
   HeapArray<const int*> next_missing_;  // n: scratch of prepare()
 };
 
