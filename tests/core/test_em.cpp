@@ -116,6 +116,7 @@ TEST(EStep, SumsAgreeWithTextbookSmoother) {
 // by block. Its likelihood must be that of the direct-form filter, which
 // sweeps every object at every time point, and the sums of each object must
 // not depend on where the blocks cut the objects: here, in reverse order.
+// Nor may they depend on the other starts of a batch.
 TEST(EStep, BlocksOfObjectsChangeNoSum) {
   std::mt19937_64 rng(31);
   const int p = 2 * kProductRows + 300, k = 3, T = 6;
@@ -174,6 +175,31 @@ TEST(EStep, BlocksOfObjectsChangeNoSum) {
   for (int e = 0; e < k * k; ++e) {
     EXPECT_TRUE(close(a.sum_xx_observed.data()[e], b.sum_xx_observed.data()[e]));
     EXPECT_TRUE(close(a.sum_xx_lag.data()[e], b.sum_xx_lag.data()[e]));
+  }
+
+  // The model beside another start in a batch, whose product with the states
+  // of a block serves both: the sums of each start as it runs alone.
+  const auto ssm = to_ssm(m);
+  const auto other = to_ssm(random_model(p, k, rng));
+  const StateSpaceModel* models[] = {ssm.get(), other.get()};
+  EmBuffers first(p, k, T, false), second(p, k, T, false), other_alone(p, k, T, false);
+  EmBuffers* const batch_buffers[] = {&first, &second};
+  const EmData em_data(*data);
+  BatchProducts products(p, em_data.columns(), k, 2);
+  double batch_llh[2];
+  e_step_batch(models, em_data, batch_buffers, &products, batch_llh);
+  const double other_llh = run_e_step(*other, *data, &other_alone);
+  EXPECT_NEAR(batch_llh[0], llh, 1e-12 * std::fabs(llh));
+  EXPECT_NEAR(batch_llh[1], other_llh, 1e-12 * std::fabs(other_llh));
+  const std::pair<const EmBuffers*, const EmBuffers*> pairs[] = {{&first, &forward_sums},
+                                                                 {&second, &other_alone}};
+  for (const auto& [got, want] : pairs) {
+    for (int i = 0; i < p; ++i) {
+      ASSERT_TRUE(close(got->total_sums.sum_yy(i, 0), want->total_sums.sum_yy(i, 0))) << i;
+      for (int j = 0; j < k; ++j) {
+        ASSERT_TRUE(close(got->total_sums.sum_yx(i, j), want->total_sums.sum_yx(i, j))) << i;
+      }
+    }
   }
 }
 
