@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "linalg/blas.h"
 #include "linalg/pair.h"
@@ -114,10 +115,18 @@ void form_block_terms(const StateSpaceModel& model, RowRange objects, const Mode
   }
   double* __restrict inverse_R = to.inverse_R;
   for (int i = objects.first; i < end; ++i) inverse_R[i] = 1.0 / R[i];
+  // With R = rI (--RrI) every object has the same R: its logarithm is taken
+  // once a block.
   double sum = *sum_log_R;
+  double last_R = std::numeric_limits<double>::quiet_NaN();
+  double last_log = 0.0;
   for (int i = objects.first; i < end; ++i) {
-    to.log_R[i] = std::log(R[i]);
-    sum += to.log_R[i];
+    if (!(R[i] == last_R)) {
+      last_R = R[i];
+      last_log = std::log(last_R);
+    }
+    to.log_R[i] = last_log;
+    sum += last_log;
   }
   *sum_log_R = sum;
 }
