@@ -40,34 +40,12 @@ void column_order(int k, const int* ipiv, int* order) {
   for (int i = k - 1; i >= 0; --i) std::swap(order[i], order[ipiv[i] - 1]);
 }
 
-// x B = a for G rows through the LU factors of B: B' x' = a' by U', then L';
-// the swaps are left to the caller. Row g is k values of V at x + g k; the
-// rows go side by side, so that their chains of dependent divisions overlap.
-template <int K, int G, typename V>
-void solve_rows(int k_, const double* lu, V* x) {
-  const int k = dim<K>(k_);
-  auto element = [&](int g, int j) -> V& { return x[g * k + j]; };
-  for (int j = 0; j < k; ++j) {
-    for (int g = 0; g < G; ++g) {
-      V temp = element(g, j);
-      for (int i = 0; i < j; ++i) temp -= lu[at(i, j, k)] * element(g, i);
-      element(g, j) = temp / lu[at(j, j, k)];
-    }
-  }
-  for (int j = k - 1; j >= 0; --j) {
-    for (int g = 0; g < G; ++g) {
-      V temp = element(g, j);
-      for (int i = j + 1; i < k; ++i) temp -= lu[at(i, j, k)] * element(g, i);
-      element(g, j) = temp;
-    }
-  }
-}
-
 // Pairs of rows that a fixed k solves side by side.
 constexpr int kPairsAtOnce = 4;
 
 // X = A B^-1 (A and X rows x k, B k x k) through one LU factorisation of B,
-// row by row, each row read and written once. on_row(i, x, order) sees the
+// row by row, each row read and written once: x B = a is B' x' = a', solved
+// by U' then L' and the swaps in reverse. on_row(i, x, order) sees the
 // solved row i (two rows, i and i + 1, where x holds pairs), its element
 // order[c] in column c.
 template <int K, typename OnRow>
@@ -87,7 +65,7 @@ void right_divide(const double* __restrict A, const double* B, int rows, int k_,
     for (int g = 0; g < G; ++g) {
       for (int j = 0; j < k; ++j) x[g * k + j] = load<V>(A + at(i + lanes * g, j, rows));
     }
-    solve_rows<K, G>(k, lu, x);
+    small::solve_transposed_factors<K, G>(k, lu, x);
     for (int g = 0; g < G; ++g) {
       const V* row = x + g * k;
       for (int c = 0; c < k; ++c) store(X + at(i + lanes * g, c, rows), row[order[c]]);

@@ -165,6 +165,30 @@ void getrf(int n_, double* A, int* ipiv) {
   }
 }
 
+// The solve of A' x = b by the factors of getrf before its swaps: U', then
+// L'. G right-hand sides side by side, right-hand side g at x + g n, so that
+// their chains of dependent operations overlap. V is double, or a vector of
+// doubles with one right-hand side in each lane.
+template <int N, int G, typename V>
+void solve_transposed_factors(int n_, const double* LU, V* x) {
+  const int n = dim<N>(n_);
+  auto element = [&](int g, int j) -> V& { return x[g * n + j]; };
+  for (int j = 0; j < n; ++j) {
+    for (int g = 0; g < G; ++g) {
+      V temp = element(g, j);
+      for (int i = 0; i < j; ++i) temp -= LU[at(i, j, n)] * element(g, i);
+      element(g, j) = temp / LU[at(j, j, n)];
+    }
+  }
+  for (int j = n - 1; j >= 0; --j) {
+    for (int g = 0; g < G; ++g) {
+      V temp = element(g, j);
+      for (int i = j + 1; i < n; ++i) temp -= LU[at(i, j, n)] * element(g, i);
+      element(g, j) = temp;
+    }
+  }
+}
+
 // Solves op(A) X = B for the G columns of B (leading dimension ldb) with the
 // factors of getrf. With a fixed size the columns are worked on side by side
 // in a local copy, which the compiler keeps in registers, so that their
@@ -209,21 +233,9 @@ void solve_columns(int n_, const double* LU, const int* ipiv, double* B, int ldb
       }
     }
   } else {
-    // A' = U' L' P': U', then L', then the swaps in reverse.
-    for (int j = 0; j < n; ++j) {
-      for (int g = 0; g < G; ++g) {
-        double temp = x(g, j);
-        for (int i = 0; i < j; ++i) temp -= LU[at(i, j, n)] * x(g, i);
-        x(g, j) = temp / LU[at(j, j, n)];
-      }
-    }
-    for (int j = n - 1; j >= 0; --j) {
-      for (int g = 0; g < G; ++g) {
-        double temp = x(g, j);
-        for (int i = j + 1; i < n; ++i) temp -= LU[at(i, j, n)] * x(g, i);
-        x(g, j) = temp;
-      }
-    }
+    // A' = U' L' P': U', then L', then the swaps in reverse. A run-time size
+    // solves its one column in place.
+    solve_transposed_factors<N, G>(n, LU, N > 0 ? &local[0][0] : B);
     for (int i = n - 1; i >= 0; --i) swap_rows(i);
   }
   if constexpr (N > 0) {
