@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "linalg/blas.h"
+#include "linalg/log_sum.h"
 #include "linalg/pair.h"
 #include "linalg/small_matrix.h"
 
@@ -14,7 +15,6 @@ BatchProducts::BatchProducts(int p, int n_columns, int max_k, int max_starts)
     : H_rows_(array_size(max_k, p, max_starts)),
       R_inv_H_(p, max_k * max_starts),
       inverse_R_(p, max_starts),
-      log_R_(p, max_starts),
       sum_log_R_(max_starts, 1),
       information_(array_size(max_k, max_k, max_starts)),
       downdates_(array_size(max_k, max_k, n_columns, max_starts)),
@@ -24,7 +24,8 @@ BatchProducts::BatchProducts(int p, int n_columns, int max_k, int max_starts)
       projected_(max_k * max_starts, n_columns),
       states_(max_k * max_starts, n_columns),
       block_yx_(max_starts > 1 ? std::min(p, kProductRows) : 0, max_k * max_starts),
-      next_missing_(array_size(n_columns)) {}
+      next_missing_(array_size(n_columns)),
+      missing_log_sums_(array_size(n_columns)) {}
 
 double* BatchProducts::H_rows_of(int b) {
   return H_rows_.get() + static_cast<std::size_t>(b) * k_ * R_inv_H_.rows();
@@ -49,7 +50,6 @@ StartProducts BatchProducts::start(int b) {
                        H_rows_of(b),
                        R_inv_H_.col(b * k_),
                        information_of(b),
-                       log_R_.col(b),
                        sum_log_R_[static_cast<std::size_t>(b)],
                        projected_.data() + static_cast<std::size_t>(b) * k_,
                        inverse_R_.col(b),
@@ -78,27 +78,34 @@ inline void add_scaled(int n, double a, const double* __restrict x, double* __re
 }
 
 // Where one model's terms go: H' (k x p, row i of H at H_rows + i k),
-// R^-1 H (p x k), 1/R and log R (p each), and the downdates of the missing
-// cells with their sums of log R (k x k and one value per read column).
+// R^-1 H (p x k) and 1/R (p), and the downdates of the missing cells with
+// their sums of log R (k x k and one value per read column).
 struct ModelTerms {
   double* H_rows;
   double* R_inv_H;
   double* inverse_R;
-  double* log_R;
   double* downdates;
   double* missing_log_R;
 };
 
-// Objects per block of the sweep that forms a model's terms: their rows of
-// H', 1/R and log R stay in the first-level cache while the missing cells of
-// the block are taken out.
-constexpr int kTermRows = 512;
+// Per read column, scratch of the sweep over the objects: its next missing
+// row and the sum of log R over its missing rows so far.
+struct ProductScratch {
+  std::span<const int*> next;
+  std::span<LogSum> missing_log_R;
+};
 
-// The terms of the objects of one block, and the sum of their log R added to
-// sum_log_R in order.
+// Objects per block of the sweep that forms a model's terms: their rows of
+// H', 1/R and R split for its logarithm stay in the first-level cache while
+// the missing cells of the block are taken out.
+constexpr int kTermRows = 512;
+static_assert(kTermRows <= LogSum::kMaxFactors);
+
+// The terms of the objects of one block, and their log R added to log_R;
+// R_factors[i - objects.first] is R[i] split for the sums of its logarithm.
 template <int K>
 void form_block_terms(const StateSpaceModel& model, RowRange objects, const ModelTerms& to,
-                      double* sum_log_R) {
+                      std::span<LogFactor> R_factors, LogSum* log_R) {
   const int p = model.p();
   const int k = small::dim<K>(model.k());
   const int end = objects.first + objects.count;
@@ -115,48 +122,46 @@ void form_block_terms(const StateSpaceModel& model, RowRange objects, const Mode
   }
   double* __restrict inverse_R = to.inverse_R;
   for (int i = objects.first; i < end; ++i) inverse_R[i] = 1.0 / R[i];
-  // With R = rI (--RrI) every object has the same R: its logarithm is taken
-  // once a block.
-  double sum = *sum_log_R;
-  double last_R = std::numeric_limits<double>::quiet_NaN();
-  double last_log = 0.0;
-  for (int i = objects.first; i < end; ++i) {
-    if (!(R[i] == last_R)) {
-      last_R = R[i];
-      last_log = std::log(last_R);
-    }
-    to.log_R[i] = last_log;
-    sum += last_log;
+  for (int i = objects.first; i < end; ++i) R_factors[i - objects.first] = log_factor(R[i]);
+  // Four products side by side, so that their multiplications overlap.
+  LogSum lanes[4];
+  int i = 0;
+  for (; i + 4 <= objects.count; i += 4) {
+    for (int l = 0; l < 4; ++l) lanes[l].add(R_factors[i + l]);
   }
-  *sum_log_R = sum;
+  for (; i < objects.count; ++i) lanes[0].add(R_factors[i]);
+  for (const LogSum& lane : lanes) log_R->add(lane);
 }
 
 // The missing cells of one block taken into each read column's sums of
 // h h' / R and of log R: next[j] is the first missing row of column j not yet
 // taken, and moves past the block. Within a column the objects come in
-// ascending order, block after block, and the sum stays in registers where k
+// ascending order, block after block, and the sums stay in registers where k
 // is fixed.
 template <int K>
-void downdate_block(int k_, int end, std::span<const int*> next, const ModelTerms& terms) {
+void downdate_block(int k_, RowRange objects, std::span<const LogFactor> R_factors,
+                    const ProductScratch& scratch, const ModelTerms& terms) {
   const int k = small::dim<K>(k_);
+  const int end = objects.first + objects.count;
   const std::size_t kk = static_cast<std::size_t>(k) * k;
   double fixed_sum[K > 0 ? K * K : 1];
-  for (std::size_t j = 0; j < next.size(); ++j) {
-    const int* m = next[j];
+  for (std::size_t j = 0; j < scratch.next.size(); ++j) {
+    const int* m = scratch.next[j];
     if (*m == -1 || *m >= end) continue;
     double* d = terms.downdates + j * kk;
     double* sum = K > 0 ? fixed_sum : d;
     if constexpr (K > 0) std::copy_n(d, kk, sum);
-    double log_sum = terms.missing_log_R[j];
+    LogSum log_sum = scratch.missing_log_R[j];
     for (; *m != -1 && *m < end; ++m) {
       const double* h = terms.H_rows + static_cast<std::size_t>(*m) * k;
       const double w = terms.inverse_R[*m];
       for (int c = 0; c < k; ++c) add_scaled<K>(k, h[c] * w, h, sum + c * k);
-      log_sum += terms.log_R[*m];
+      log_sum.add(R_factors[static_cast<std::size_t>(*m - objects.first)]);
     }
+    log_sum.renormalise();
+    scratch.missing_log_R[j] = log_sum;
     if constexpr (K > 0) std::copy_n(fixed_sum, kk, d);
-    terms.missing_log_R[j] = log_sum;
-    next[j] = m;
+    scratch.next[j] = m;
   }
 }
 
@@ -165,19 +170,22 @@ void downdate_block(int k_, int end, std::span<const int*> next, const ModelTerm
 // forms it.
 template <int K>
 void form_model_terms(const StateSpaceModel& model, const EmData& data, const ModelTerms& terms,
-                      std::span<const int*> next, double* sum_log_R, double* information) {
+                      const ProductScratch& scratch, double* sum_log_R, double* information) {
   int p = model.p();
   int k = model.k();
-  const std::size_t n = next.size();
+  const std::size_t n = scratch.next.size();
   std::fill_n(terms.downdates, n * k * k, 0.0);
-  std::fill_n(terms.missing_log_R, n, 0.0);
-  for (std::size_t j = 0; j < n; ++j) next[j] = data.missing_rows(static_cast<int>(j));
-  *sum_log_R = 0.0;
+  std::fill(scratch.missing_log_R.begin(), scratch.missing_log_R.end(), LogSum());
+  for (std::size_t j = 0; j < n; ++j) scratch.next[j] = data.missing_rows(static_cast<int>(j));
+  LogSum log_R;
+  LogFactor R_factors[kTermRows];
   for (int first = 0; first < p; first += kTermRows) {
     const RowRange objects{first, std::min(kTermRows, p - first)};
-    form_block_terms<K>(model, objects, terms, sum_log_R);
-    downdate_block<K>(k, first + objects.count, next, terms);
+    form_block_terms<K>(model, objects, terms, R_factors, &log_R);
+    downdate_block<K>(k, objects, R_factors, scratch, terms);
   }
+  *sum_log_R = log_R.value();
+  for (std::size_t j = 0; j < n; ++j) terms.missing_log_R[j] = scratch.missing_log_R[j].value();
   for (int j = 0; j < k; ++j) {
     dgemv_("T", &p, &k, &blas::kOne, model.H.data(), &p, terms.R_inv_H + small::at(0, j, p),
            &blas::kIncOne, &blas::kZero, information + small::at(0, j, k), &blas::kIncOne);
@@ -246,14 +254,15 @@ void add_missing_cells(const StateSpaceModel& model, const EmData& data, const S
 void BatchProducts::prepare(std::span<const StateSpaceModel* const> models, const EmData& data) {
   starts_ = static_cast<int>(models.size());
   k_ = models.front()->k();
-  const std::span<const int*> next(next_missing_.get(), static_cast<std::size_t>(data.columns()));
+  const auto n = static_cast<std::size_t>(data.columns());
+  const ProductScratch scratch{{next_missing_.get(), n}, {missing_log_sums_.get(), n}};
   for (int b = 0; b < starts_; ++b) {
     const StateSpaceModel& model = *models[static_cast<std::size_t>(b)];
-    const ModelTerms terms{H_rows_of(b),  R_inv_H_.col(b * k_), inverse_R_.col(b),
-                           log_R_.col(b), downdates_of(b),      missing_log_R_.col(b)};
+    const ModelTerms terms{H_rows_of(b), R_inv_H_.col(b * k_), inverse_R_.col(b), downdates_of(b),
+                           missing_log_R_.col(b)};
     small::with_fixed_size(k_, [&](auto fixed) {
       form_model_terms<decltype(fixed)::value>(
-          model, data, terms, next, &sum_log_R_[static_cast<std::size_t>(b)], information_of(b));
+          model, data, terms, scratch, &sum_log_R_[static_cast<std::size_t>(b)], information_of(b));
     });
   }
   if (data.columns() > 0) project_data(data);
@@ -310,9 +319,9 @@ void BatchProducts::finish(int b, const StateSpaceModel& model, const EmData& da
 
 double batch_products_bytes(int p, int n_columns, int k, int starts) {
   const double P = p, N = n_columns, K = k, B = starts;
-  return 8.0 * B * (2.0 * P * K + 3.0 * P + 1.0 + K * K + 2.0 * K * N + 2.0 * K * K * N + N) +
+  return 8.0 * B * (2.0 * P * K + 2.0 * P + 1.0 + K * K + 2.0 * K * N + 2.0 * K * K * N + N) +
          (B > 1 ? 8.0 * std::min(P, static_cast<double>(kProductRows)) * B * K : 0.0) +
-         8.0 * (K * K + K);
+         8.0 * (K * K + K) + (8.0 + sizeof(LogSum)) * N;
 }
 
 }  // namespace tarn

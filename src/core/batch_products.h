@@ -16,6 +16,7 @@
 #include "core/model.h"
 #include "core/sufficient_stats.h"
 #include "linalg/heap_array.h"
+#include "linalg/log_sum.h"
 #include "linalg/matrix.h"
 
 namespace tarn {
@@ -33,7 +34,6 @@ struct StartProducts {
   const double* H_rows;       // k x p: H', row i of H at H_rows + i * k
   const double* R_inv_H;      // p x k: R^-1 H
   const double* information;  // k x k: H' R^-1 H
-  const double* log_R;        // p
   double sum_log_R;
   const double* projected;  // read column j: k values at projected + j * ld
   const double* inverse_R;  // p: 1 / R
@@ -93,7 +93,6 @@ class BatchProducts {
   HeapArray<double> H_rows_;            // (k p) x B
   Matrix R_inv_H_;                      // p x (B k)
   Matrix inverse_R_;                    // p x B
-  Matrix log_R_;                        // p x B
   Matrix sum_log_R_;                    // B
   HeapArray<double> information_;       // k x k x B
   HeapArray<double> downdates_;         // (k k n) x B
@@ -104,6 +103,7 @@ class BatchProducts {
   Matrix states_;                       // (B k) x n
   Matrix block_yx_;                     // min(p, kProductRows) x (B k): Y X' of a block; B > 1
   HeapArray<const int*> next_missing_;  // n: scratch of prepare()
+  HeapArray<LogSum> missing_log_sums_;  // n: scratch of prepare()
 };
 
 // Bytes a BatchProducts of these dimensions takes, in double precision.

@@ -28,7 +28,7 @@ struct FilterTerms {
   std::size_t element_step;
   const double* R_inv_H;      // p x k
   const double* information;  // k x k: H' R^-1 H
-  const double* log_R;        // p
+  const double* log_R;        // p, or null where the products give the missing rows' sum
   double sum_log_R;
 };
 
@@ -407,7 +407,7 @@ double run_filter(const StateSpaceModel& model, const ReplicateView& series,
                           1,
                           products.R_inv_H,
                           products.information,
-                          products.log_R,
+                          nullptr,
                           products.sum_log_R};
   return small::with_fixed_size(model.k(), [&](auto fixed) {
     return filter<decltype(fixed)::value>(model, series, terms, &products, trajectory, work);
