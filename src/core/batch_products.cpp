@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 
 #include "linalg/blas.h"
 #include "linalg/log_sum.h"

@@ -57,7 +57,6 @@ class LogSum {
     significand_ *= f.significand;
     exponent_ += f.exponent;
   }
-  void add(double x) { add(log_factor(x)); }
   // Moves the exponent of the product of significands into the sum of
   // exponents; a product of zero, infinity or NaN stays.
   void renormalise() {
